@@ -1,0 +1,2 @@
+set(SUBDIR_SOURCES canadapterfactory.cpp)
+set(SUBDIR_HEADERS canadapterfactory.h)

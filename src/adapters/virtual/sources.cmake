@@ -1,0 +1,2 @@
+set(SUBDIR_SOURCES democanadapter.cpp)
+set(SUBDIR_HEADERS democanadapter.h)

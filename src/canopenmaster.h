@@ -1,0 +1,19 @@
+#ifndef CANOPENMASTER_H
+#define CANOPENMASTER_H
+
+// Umbrella header of the CANopen master library.
+
+#include "canopenmaster_global.h"
+#include "cantypes.h"
+#include "canopenmasterclass.h"
+#include "abstractcanadapter.h"
+#include "cansender.h"
+#include "canscheduler.h"
+#include "canopenservice.h"
+#include "timerthread.h"
+#include "canadapterfactory.h"
+#include "democanadapter.h"
+#include "canlisterner.h"
+#include "canopenmaster_c.h"
+
+#endif

@@ -1,0 +1,12 @@
+#ifndef CANOPENMASTER_GLOBAL_H
+#define CANOPENMASTER_GLOBAL_H
+
+#include <QtCore/qglobal.h>
+
+#if defined(CANOPENMASTER_LIBRARY)
+#define CANOPENMASTER_EXPORT Q_DECL_EXPORT
+#else
+#define CANOPENMASTER_EXPORT Q_DECL_IMPORT
+#endif
+
+#endif

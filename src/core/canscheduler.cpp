@@ -1,0 +1,108 @@
+#include "canscheduler.h"
+#include "abstractcanadapter.h"
+#include "canopenmasterclass.h"
+#include "cansender.h"
+
+#include <QDebug>
+#include <mutex>
+
+CanScheduler::CanScheduler(AbstractCanAdapter* adapter)
+    : QObject(nullptr)
+    , mAdapter(adapter)
+{
+    CanopenMaster::registerMetaTypes();
+}
+
+CanScheduler::~CanScheduler()
+{
+    // Registered senders are not ours to delete here (their services hold
+    // them); only those already retired by unregisterCan are freed.
+    qDeleteAll(mRetired);
+}
+
+void CanScheduler::connectToAdapter(bool connect)
+{
+    if (connect) {
+        if (mAdapter)
+            QObject::connect(mAdapter, &AbstractCanAdapter::newCanMessage, this,
+                             &CanScheduler::newRawCanMessage, Qt::DirectConnection);
+    } else {
+        // Kept as it always was: this names the scheduler itself as sender,
+        // so no connection from the adapter is removed and delivery goes on.
+        QObject::disconnect(this, nullptr, this, SLOT(newRawCanMessage(CAN::CanRxMessage*)));
+    }
+}
+
+CanSender* CanScheduler::registerCanId(quint32 id)
+{
+    auto* sender = new CanSender(id);
+    std::lock_guard<CanMutex> guard(mLock);
+    mReceivers.insert(sender);
+    mIdentifiers.append(id);
+    return sender;
+}
+
+void CanScheduler::unregisterCan(CanSender* sender)
+{
+    bool deleteNow = true;
+    {
+        std::lock_guard<CanMutex> guard(mLock);
+        if (!mReceivers.isEmpty())
+            mReceivers.remove(sender);
+        if (sender) {
+            sender->mRetired.store(true, std::memory_order_release);
+            // A walk running now may hold the sender in its snapshot: the
+            // last walk to end deletes it instead (it never emits on it).
+            if (mActiveWalks.load(std::memory_order_acquire) > 0) {
+                deleteNow = false;
+                mRetired.append(sender);
+                mHaveRetired.store(true, std::memory_order_release);
+            }
+        }
+    }
+    if (sender && deleteNow)
+        delete sender;
+}
+
+void CanScheduler::newRawCanMessage(CAN::CanRxMessage* pMessage)
+{
+    const quint32 id = pMessage->message.id;
+    // Never stall the receive loop behind a registering service: wait 2 ms at most.
+    if (!mLock.tryLock(2)) {
+        qDebug() << Q_FUNC_INFO << "1: Message Lost" << id;
+        return;
+    }
+    if (!mIdentifiers.contains(id)) {
+        mLock.unlock();
+        return;
+    }
+    const QSet<CanSender*> snapshot = mReceivers; // implicitly shared copy
+    mActiveWalks.fetch_add(1, std::memory_order_acq_rel);
+    mLock.unlock();
+
+    for (CanSender* sender : snapshot) {
+        if (sender->mRetired.load(std::memory_order_acquire)) {
+            qDebug() << Q_FUNC_INFO << "2: Message Lost" << id;
+            break;
+        }
+        if (sender->mId == id)
+            Q_EMIT sender->received(*pMessage);
+    }
+    releaseWalk();
+}
+
+void CanScheduler::releaseWalk()
+{
+    if (mActiveWalks.fetch_sub(1, std::memory_order_acq_rel) != 1
+        || !mHaveRetired.load(std::memory_order_acquire))
+        return;
+    QVector<CanSender*> doomed;
+    {
+        std::lock_guard<CanMutex> guard(mLock);
+        if (mActiveWalks.load(std::memory_order_acquire) != 0)
+            return; // a newer walk will free them
+        doomed.swap(mRetired);
+        mHaveRetired.store(false, std::memory_order_release);
+    }
+    qDeleteAll(doomed);
+}

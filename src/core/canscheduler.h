@@ -1,0 +1,47 @@
+#ifndef CANSCHEDULER_H
+#define CANSCHEDULER_H
+
+#include "canmutex.h"
+#include "canopenmaster_global.h"
+#include "cantypes.h"
+
+#include <QObject>
+#include <QSet>
+#include <QVector>
+#include <atomic>
+
+class AbstractCanAdapter;
+class CanSender;
+
+// Fans the frames of one adapter out to the CanSender registered for each
+// identifier. Dispatch runs in the adapter's receive thread.
+class CANOPENMASTER_EXPORT CanScheduler : public QObject
+{
+    Q_OBJECT
+public:
+    explicit CanScheduler(AbstractCanAdapter* adapter);
+    ~CanScheduler() override;
+
+    AbstractCanAdapter* canAdapter() const { return mAdapter; }
+    void connectToAdapter(bool connect);
+    CanSender* registerCanId(quint32 id);
+    void unregisterCan(CanSender* sender);
+
+public Q_SLOTS:
+    void newRawCanMessage(CAN::CanRxMessage* pMessage);
+
+private:
+    void releaseWalk();
+
+    AbstractCanAdapter* mAdapter;
+    QSet<CanSender*> mReceivers;   // owned, guarded by mLock
+    CanMutex mLock;
+    QVector<quint32> mIdentifiers; // one entry per registration, never shrinks
+    // Senders unregistered while a dispatch walk may still hold them in its
+    // snapshot are deleted once the last such walk has ended (guarded by mLock).
+    std::atomic<int> mActiveWalks{0};
+    std::atomic<bool> mHaveRetired{false};
+    QVector<CanSender*> mRetired;
+};
+
+#endif

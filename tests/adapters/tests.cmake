@@ -1,0 +1,2 @@
+canopen_add_test(adapters/virtual tst_democanadapter)
+canopen_add_test(adapters tst_canadapterfactory)

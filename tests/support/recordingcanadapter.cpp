@@ -1,0 +1,156 @@
+#include "recordingcanadapter.h"
+
+#include <mutex>
+
+RecordingCanAdapter::RecordingCanAdapter(QObject* parent)
+    : AbstractCanAdapter(parent)
+{
+}
+
+CAN::RetType RecordingCanAdapter::open()
+{
+    Q_EMIT newCanState(CAN::ErrorActive);
+    return CAN::Ok;
+}
+
+void RecordingCanAdapter::close()
+{
+    Q_EMIT newCanState(CAN::Stopped);
+}
+
+CAN::RetType RecordingCanAdapter::setBitrate(quint16 kbit)
+{
+    mBitrate = kbit;
+    return CAN::Ok;
+}
+
+CAN::RetType RecordingCanAdapter::setEcho(bool echo)
+{
+    mEcho = echo;
+    return CAN::Ok;
+}
+
+bool RecordingCanAdapter::setCanAdapterOption(AbstractCanAdapter::AdapterOption option, const QVariant& value)
+{
+    setOptionAnswer(option, value);
+    return true;
+}
+
+void RecordingCanAdapter::setOptionAnswer(AbstractCanAdapter::AdapterOption option, const QVariant& value)
+{
+    std::lock_guard<CanMutex> guard(mLock);
+    mOptions.insert(int(option), value);
+}
+
+QVariant RecordingCanAdapter::getCanAdapterOption(AbstractCanAdapter::AdapterOption option)
+{
+    {
+        std::lock_guard<CanMutex> guard(mLock);
+        auto it = mOptions.constFind(int(option));
+        if (it != mOptions.constEnd())
+            return it.value();
+    }
+    return AbstractCanAdapter::getCanAdapterOption(option);
+}
+
+CAN::RetType RecordingCanAdapter::sendCiA309Request(const QString& request, qint16& sequenceNumber)
+{
+    std::lock_guard<CanMutex> guard(mLock);
+    if (!mOptions.value(int(CiA309Gateway)).toBool())
+        return CAN::Error;
+    mRequests.append(request);
+    sequenceNumber = mSequence;
+    mSequence = mSequence >= 32767 ? 0 : mSequence + 1;
+    return mWriteResult;
+}
+
+CAN::RetType RecordingCanAdapter::write(CAN::CanMessage* pMessage)
+{
+    CAN::CanRxMessage echo;
+    {
+        std::lock_guard<CanMutex> guard(mLock);
+        if (mWriteResult != CAN::Ok)
+            return mWriteResult;
+        mWritten.append(*pMessage);
+        if (!mEcho)
+            return CAN::Ok;
+        echo.message = *pMessage;
+        echo.echo = true;
+    }
+    Q_EMIT newTxCanMessage(echo);
+    return CAN::Ok;
+}
+
+QVector<CAN::CanMessage> RecordingCanAdapter::written() const
+{
+    std::lock_guard<CanMutex> guard(mLock);
+    return mWritten;
+}
+
+int RecordingCanAdapter::writtenCount() const
+{
+    std::lock_guard<CanMutex> guard(mLock);
+    return mWritten.size();
+}
+
+CAN::CanMessage RecordingCanAdapter::lastWritten() const
+{
+    std::lock_guard<CanMutex> guard(mLock);
+    return mWritten.isEmpty() ? CAN::CanMessage() : mWritten.last();
+}
+
+void RecordingCanAdapter::clearWritten()
+{
+    std::lock_guard<CanMutex> guard(mLock);
+    mWritten.clear();
+    mRequests.clear();
+}
+
+void RecordingCanAdapter::failWrites(CAN::RetType result)
+{
+    std::lock_guard<CanMutex> guard(mLock);
+    mWriteResult = result;
+}
+
+QStringList RecordingCanAdapter::requests() const
+{
+    std::lock_guard<CanMutex> guard(mLock);
+    return mRequests;
+}
+
+void RecordingCanAdapter::inject(const CAN::CanRxMessage& frame)
+{
+    CAN::CanRxMessage copy = frame;
+    Q_EMIT newCanMessage(&copy);
+}
+
+void RecordingCanAdapter::inject(quint32 id, std::initializer_list<quint8> data, CAN::CanTimeStamp stamp)
+{
+    inject(makeRxFrame(id, data, stamp));
+}
+
+CAN::CanMessage makeFrame(quint32 id, std::initializer_list<quint8> data)
+{
+    CAN::CanMessage m;
+    m.id = id;
+    int i = 0;
+    for (quint8 b : data) {
+        if (i < 64)
+            m.data[i++] = b;
+    }
+    m.length = quint8(i);
+    return m;
+}
+
+CAN::CanRxMessage makeRxFrame(quint32 id, std::initializer_list<quint8> data, CAN::CanTimeStamp stamp)
+{
+    CAN::CanRxMessage rx;
+    rx.timeStamp = stamp;
+    rx.message = makeFrame(id, data);
+    return rx;
+}
+
+QByteArray frameData(const CAN::CanMessage& frame)
+{
+    return QByteArray(reinterpret_cast<const char*>(frame.data), qMin<int>(frame.length, 64));
+}

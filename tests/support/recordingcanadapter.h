@@ -1,0 +1,69 @@
+#ifndef RECORDINGCANADAPTER_H
+#define RECORDINGCANADAPTER_H
+
+#include "abstractcanadapter.h"
+#include "canmutex.h"
+
+#include <QHash>
+#include <QStringList>
+#include <QVector>
+#include <initializer_list>
+
+// Test adapter: records every frame written (from any thread), injects
+// received frames through newCanMessage, and can be told to fail writes or to
+// pretend to be a CiA 309-3 gateway (records the request lines then).
+class RecordingCanAdapter : public AbstractCanAdapter
+{
+    Q_OBJECT
+public:
+    explicit RecordingCanAdapter(QObject* parent = nullptr);
+
+    CAN::RetType open() override;
+    void close() override;
+    CAN::RetType setBitrate(quint16 kbit) override;
+    CAN::RetType clearTxQueue() override { return CAN::Ok; }
+    CAN::RetType clearRxQueue() override { return CAN::Ok; }
+    int getTxQueueCount() override { return 0; }
+    int getRxQueueCount() override { return 0; }
+    CAN::RetType resetDriver() override { return CAN::Ok; }
+    CAN::CanState getState() override { return CAN::ErrorActive; }
+    CAN::RetType setEcho(bool echo) override;
+    bool setCanAdapterOption(AbstractCanAdapter::AdapterOption option, const QVariant& value) override;
+    QVariant getCanAdapterOption(AbstractCanAdapter::AdapterOption option) override;
+    CAN::RetType sendCiA309Request(const QString& request, qint16& sequenceNumber) override;
+
+    // Frames written so far (a copy), and forgetting them.
+    QVector<CAN::CanMessage> written() const;
+    int writtenCount() const;
+    CAN::CanMessage lastWritten() const;
+    void clearWritten();
+    // Every later write answers `result` (Ok to write normally again).
+    void failWrites(CAN::RetType result);
+    // Gateway requests recorded while option 35 is set.
+    QStringList requests() const;
+    // Option values answered instead of the base's defaults (35 makes a gateway).
+    void setOptionAnswer(AbstractCanAdapter::AdapterOption option, const QVariant& value);
+
+    // Emit a received frame as an adapter's receive loop would, in the calling thread.
+    void inject(const CAN::CanRxMessage& frame);
+    void inject(quint32 id, std::initializer_list<quint8> data, CAN::CanTimeStamp stamp = {});
+
+public Q_SLOTS:
+    CAN::RetType write(CAN::CanMessage* pMessage) override;
+
+private:
+    mutable CanMutex mLock;
+    QVector<CAN::CanMessage> mWritten;
+    QStringList mRequests;
+    CAN::RetType mWriteResult = CAN::Ok;
+    QHash<int, QVariant> mOptions;
+    qint16 mSequence = 0;
+    bool mEcho = false;
+};
+
+// Build a frame from an identifier and data bytes.
+CAN::CanMessage makeFrame(quint32 id, std::initializer_list<quint8> data);
+CAN::CanRxMessage makeRxFrame(quint32 id, std::initializer_list<quint8> data, CAN::CanTimeStamp stamp = {});
+QByteArray frameData(const CAN::CanMessage& frame);
+
+#endif
