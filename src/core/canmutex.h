@@ -12,6 +12,26 @@ extern "C" void __tsan_release(void* addr);
 // on a futex inside the (uninstrumented) Qt library when contended, so without
 // these annotations data correctly guarded by it is reported as racy.
 // Usable with std::lock_guard / std::unique_lock.
+// Hand-overs that happen inside Qt where ThreadSanitizer cannot see them
+// (a thread's end observed through QThread::wait(), for example): the thread
+// that finishes calls tsanRelease(x), the thread that observed it tsanAcquire(x).
+inline void tsanRelease(void* addr)
+{
+#if defined(CANOPEN_TSAN)
+    __tsan_release(addr);
+#else
+    Q_UNUSED(addr)
+#endif
+}
+inline void tsanAcquire(void* addr)
+{
+#if defined(CANOPEN_TSAN)
+    __tsan_acquire(addr);
+#else
+    Q_UNUSED(addr)
+#endif
+}
+
 class CanMutex
 {
 public:

@@ -4,6 +4,7 @@
 #include "cansender.h"
 
 #include <QDebug>
+#include <QVarLengthArray>
 #include <mutex>
 
 CanScheduler::CanScheduler(AbstractCanAdapter* adapter)
@@ -76,17 +77,24 @@ void CanScheduler::newRawCanMessage(CAN::CanRxMessage* pMessage)
         mLock.unlock();
         return;
     }
-    const QSet<CanSender*> snapshot = mReceivers; // implicitly shared copy
+    // Snapshot of the receivers for this identifier, in set order, taken
+    // under the lock. (A copy of just these pointers rather than an implicitly
+    // shared copy of the whole set: no container is shared across threads.)
+    QVarLengthArray<CanSender*, 16> snapshot;
+    for (CanSender* sender : qAsConst(mReceivers)) {
+        if (sender->mId == id)
+            snapshot.append(sender);
+    }
     mActiveWalks.fetch_add(1, std::memory_order_acq_rel);
     mLock.unlock();
 
-    for (CanSender* sender : snapshot) {
+    for (CanSender* sender : qAsConst(snapshot)) {
+        // Unregistered after the snapshot was taken: stop here.
         if (sender->mRetired.load(std::memory_order_acquire)) {
             qDebug() << Q_FUNC_INFO << "2: Message Lost" << id;
             break;
         }
-        if (sender->mId == id)
-            Q_EMIT sender->received(*pMessage);
+        Q_EMIT sender->received(*pMessage);
     }
     releaseWalk();
 }

@@ -1,4 +1,5 @@
 #include "timerthread.h"
+#include "canmutex.h"
 
 TimerThread::TimerThread(QObject* parent)
     : QThread(parent)
@@ -27,8 +28,10 @@ void TimerThread::shutdown()
     // The loop looks at the flag every millisecond, so a join is enough:
     // no forced termination.
     mRunning.store(false);
-    if (QThread::currentThread() != this)
+    if (QThread::currentThread() != this) {
         wait();
+        tsanAcquire(this); // the loop's end, seen through QThread::wait()
+    }
 }
 
 void TimerThread::run()
@@ -49,4 +52,5 @@ void TimerThread::run()
         if (due)
             Q_EMIT elapsed();
     }
+    tsanRelease(this);
 }

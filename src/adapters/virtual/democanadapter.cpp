@@ -69,8 +69,10 @@ void DemoCanAdapter::stopLoop()
     mRunning.store(false);
     wake();
     // The loop ends within one pass; join it rather than sleeping a fixed time.
-    if (QThread::currentThread() != this)
+    if (QThread::currentThread() != this) {
         wait();
+        tsanAcquire(this); // the loop's end, seen through QThread::wait()
+    }
 }
 
 void DemoCanAdapter::close()
@@ -282,4 +284,5 @@ void DemoCanAdapter::run()
     delete mRxSocket;
     mTxSocket = mRxSocket = nullptr;
     mEchoQueue.clear();
+    tsanRelease(this);
 }

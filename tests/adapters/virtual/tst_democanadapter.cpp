@@ -23,7 +23,11 @@ public:
         std::lock_guard<CanMutex> g(mLock);
         return mFrames;
     }
-    int count() { return frames().size(); }
+    int count()
+    {
+        std::lock_guard<CanMutex> g(mLock);
+        return mFrames.size();
+    }
 public Q_SLOTS:
     void take(CAN::CanRxMessage* m)
     {
