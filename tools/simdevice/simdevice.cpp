@@ -1,0 +1,87 @@
+#include "simdevice.h"
+
+#include <cstring>
+
+SimDevice::SimDevice(quint8 nodeId, AbstractCanAdapter* adapter, QObject* parent)
+    : QObject(parent)
+    , mNodeId(nodeId)
+    , mAdapter(adapter)
+{
+    connect(&mHeartbeatTimer, &QTimer::timeout, this, &SimDevice::sendHeartbeat);
+    connect(this, &SimDevice::heartbeatTimeChanged, this, &SimDevice::applyHeartbeatTime, Qt::QueuedConnection);
+    connect(adapter, &AbstractCanAdapter::newCanMessage, this, &SimDevice::onFrame, Qt::DirectConnection);
+}
+
+SimDevice::~SimDevice()
+{
+    if (mAdapter)
+        disconnect(mAdapter, nullptr, this, nullptr);
+}
+
+void SimDevice::start()
+{
+    // Boot-up: 0x700 + node ID with the single byte 0, then pre-operational.
+    send(0x700 + mNodeId, QByteArray(1, '\0'));
+    setNmtState(PreOperational);
+    applyHeartbeatTime(mHeartbeatMs.load());
+}
+
+void SimDevice::setHeartbeatTime(quint16 ms)
+{
+    mHeartbeatMs.store(ms);
+    Q_EMIT heartbeatTimeChanged(ms);
+}
+
+void SimDevice::applyHeartbeatTime(quint16 ms)
+{
+    if (ms == 0) {
+        mHeartbeatTimer.stop();
+        return;
+    }
+    mHeartbeatTimer.start(ms);
+}
+
+void SimDevice::setNmtState(NmtState state)
+{
+    if (mState.exchange(state) != state)
+        Q_EMIT nmtStateChanged(state);
+}
+
+void SimDevice::sendHeartbeat()
+{
+    send(0x700 + mNodeId, QByteArray(1, char(mState.load())));
+}
+
+CAN::RetType SimDevice::send(const CAN::CanMessage& frame)
+{
+    if (!mAdapter)
+        return CAN::Error;
+    CAN::CanMessage copy = frame;
+    return mAdapter->write(&copy);
+}
+
+CAN::RetType SimDevice::send(quint32 id, const QByteArray& data)
+{
+    CAN::CanMessage m;
+    m.id = id;
+    m.length = quint8(qMin(data.size(), 64));
+    std::memcpy(m.data, data.constData(), m.length);
+    return send(m);
+}
+
+void SimDevice::addHandler(FrameHandler handler)
+{
+    std::lock_guard<std::mutex> guard(mHandlersLock);
+    mHandlers.push_back(std::move(handler));
+}
+
+void SimDevice::onFrame(CAN::CanRxMessage* frame)
+{
+    if (frame->echo)
+        return;
+    std::lock_guard<std::mutex> guard(mHandlersLock);
+    for (const FrameHandler& handler : mHandlers) {
+        if (handler(*frame))
+            return;
+    }
+}
