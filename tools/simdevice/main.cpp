@@ -2,6 +2,8 @@
 #include "canadapterfactory.h"
 #include "canopenmasterclass.h"
 #include "democanadapter.h"
+#include "objectdictionary.h"
+#include "sdoserver.h"
 #include "simdevice.h"
 
 #include <QCommandLineParser>
@@ -16,12 +18,20 @@ int main(int argc, char** argv)
     CanopenMaster master;
 
     QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral("Simulated CANopen device on the virtual CAN bus."));
+    parser.setApplicationDescription(QStringLiteral("Simulated CANopen device on the virtual CAN bus.\n"
+                                                    "Its SDO server answers expedited, segmented and block transfers;\n"
+                                                    "--list-od prints the object dictionary."));
     parser.addHelpOption();
     QCommandLineOption nodeOpt({QStringLiteral("n"), QStringLiteral("node")}, QStringLiteral("Node-ID 1..127 (default 5)."), QStringLiteral("id"), QStringLiteral("5"));
     QCommandLineOption hbOpt(QStringLiteral("heartbeat"), QStringLiteral("Heartbeat producer time in ms, 0 for none (default 1000)."), QStringLiteral("ms"), QStringLiteral("1000"));
     QCommandLineOption portOpt(QStringLiteral("port"), QStringLiteral("Virtual bus UDP port (default: $CANOPEN_VBUS_PORT or 45674)."), QStringLiteral("port"));
     parser.addOptions({nodeOpt, hbOpt, portOpt});
+    QCommandLineOption listOdOpt(QStringLiteral("list-od"), QStringLiteral("Print the object dictionary and exit."));
+    QCommandLineOption noSdoOpt(QStringLiteral("no-sdo"), QStringLiteral("Run without the SDO server."));
+    QCommandLineOption sdoBlockOpt(QStringLiteral("sdo-block-size"), QStringLiteral("Segments per block offered in SDO block downloads, 1..127 (default 127)."), QStringLiteral("n"), QStringLiteral("127"));
+    QCommandLineOption sdoTimeoutOpt(QStringLiteral("sdo-timeout"), QStringLiteral("Abort a stalled SDO transfer after this many ms, 0 for never (default 3000)."), QStringLiteral("ms"), QString::number(SdoServer::DefaultTimeoutMs));
+    QCommandLineOption sdoNoCrcOpt(QStringLiteral("sdo-no-crc"), QStringLiteral("Do not announce CRC support in SDO block transfers."));
+    parser.addOptions({listOdOpt, noSdoOpt, sdoBlockOpt, sdoTimeoutOpt, sdoNoCrcOpt});
     parser.process(app);
 
     QTextStream err(stderr);
@@ -36,14 +46,42 @@ int main(int argc, char** argv)
         err << "cosim: heartbeat time must be 0..65535 ms, got '" << parser.value(hbOpt) << "'\n";
         return 2;
     }
+    const uint sdoBlock = parser.value(sdoBlockOpt).toUInt(&ok);
+    if (!ok || sdoBlock < 1 || sdoBlock > 127) {
+        err << "cosim: SDO block size must be 1..127, got '" << parser.value(sdoBlockOpt) << "'\n";
+        return 2;
+    }
+    const int sdoTimeout = parser.value(sdoTimeoutOpt).toInt(&ok);
+    if (!ok || sdoTimeout < 0) {
+        err << "cosim: SDO time-out must be 0 or more ms, got '" << parser.value(sdoTimeoutOpt) << "'\n";
+        return 2;
+    }
+    if (parser.isSet(listOdOpt)) {
+        ObjectDictionary od;
+        od.addDefaultEntries(quint8(node));
+        QTextStream(stdout) << "Object dictionary of node " << node << " (SDO requests on 0x"
+                            << QString::number(0x600 + node, 16).toUpper() << ", answers on 0x"
+                            << QString::number(0x580 + node, 16).toUpper() << "):\n"
+                            << od.listing();
+        return 0;
+    }
     DemoCanAdapter adapter(QStringLiteral("Talvik Virtual"));
     if (parser.isSet(portOpt) && !adapter.setCanAdapterOption(AbstractCanAdapter::VirtualBusPort, parser.value(portOpt))) {
         err << "cosim: bad port '" << parser.value(portOpt) << "'\n";
         return 2;
     }
 
+    ObjectDictionary od; // outlives the device and its SDO server
     SimDevice device(quint8(node), &adapter);
     device.setHeartbeatTime(quint16(hb));
+    od.addDefaultEntries(device.nodeId(), &device);
+    SdoServer* sdo = nullptr; // a child of the device
+    if (!parser.isSet(noSdoOpt)) {
+        sdo = new SdoServer(&device, &od, &device);
+        sdo->setBlockSize(quint8(sdoBlock));
+        sdo->setTimeout(sdoTimeout);
+        sdo->setCrcSupported(!parser.isSet(sdoNoCrcOpt));
+    }
     adapter.open();
     device.start();
 

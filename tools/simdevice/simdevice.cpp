@@ -69,10 +69,19 @@ CAN::RetType SimDevice::send(quint32 id, const QByteArray& data)
     return send(m);
 }
 
-void SimDevice::addHandler(FrameHandler handler)
+int SimDevice::addHandler(FrameHandler handler)
 {
     std::lock_guard<std::mutex> guard(mHandlersLock);
     mHandlers.push_back(std::move(handler));
+    return int(mHandlers.size()) - 1;
+}
+
+void SimDevice::removeHandler(int id)
+{
+    // The slot stays (ids are positions) and no longer consumes any frame.
+    std::lock_guard<std::mutex> guard(mHandlersLock);
+    if (id >= 0 && id < int(mHandlers.size()))
+        mHandlers[size_t(id)] = [](const CAN::CanRxMessage&) { return false; };
 }
 
 void SimDevice::onFrame(CAN::CanRxMessage* frame)

@@ -48,7 +48,11 @@ public:
     CAN::RetType send(const CAN::CanMessage& frame);
     CAN::RetType send(quint32 id, const QByteArray& data);
 
-    void addHandler(FrameHandler handler);
+    // Returns an id for removeHandler().
+    int addHandler(FrameHandler handler);
+    // Removes a handler; once this returns, the handler is not running and
+    // will not be called again.
+    void removeHandler(int id);
 
 Q_SIGNALS:
     void nmtStateChanged(SimDevice::NmtState state);

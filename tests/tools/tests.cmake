@@ -1,0 +1,8 @@
+if(CANOPEN_BUILD_TOOLS)
+  canopen_add_test(tools tst_objectdictionary)
+  target_link_libraries(tst_objectdictionary PRIVATE canopensim)
+  canopen_add_test(tools tst_sdoserver)
+  target_link_libraries(tst_sdoserver PRIVATE canopensim)
+  target_compile_definitions(tst_sdoserver PRIVATE COSIM_PATH="$<TARGET_FILE:cosim>")
+  add_dependencies(tst_sdoserver cosim)
+endif()
