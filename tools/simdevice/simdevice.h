@@ -51,7 +51,7 @@ public:
     // Returns an id for removeHandler().
     int addHandler(FrameHandler handler);
     // Removes a handler; once this returns, the handler is not running and
-    // will not be called again.
+    // will not be called again. Not from inside a handler.
     void removeHandler(int id);
 
 Q_SIGNALS:
