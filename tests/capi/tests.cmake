@@ -1,0 +1,1 @@
+canopen_add_test(capi tst_capi)
