@@ -319,7 +319,7 @@ private Q_SLOTS:
         CanSender* steady = scheduler.registerCanId(0x181);
         connect(steady, ReceivedFrame, &steadyCounter, &FrameCounter::onFrame, Qt::DirectConnection);
 
-        constexpr int Cycles = 3000;
+        constexpr int Cycles = 20000;
         std::atomic<bool> registrarDone{false};
         std::atomic<int> created{0};
         int injected181 = 0;

@@ -87,8 +87,9 @@ private Q_SLOTS:
         const qint64 nth = times.at(emissions - 1) - start;
         QVERIFY2(nth >= qint64(emissions) * interval * 1000000,
                  qPrintable(QStringLiteral("emission %1 after %2 ns").arg(emissions).arg(nth)));
-        // Loose: on average no worse than three times the interval (+5 ms).
-        QVERIFY2(nth <= qint64(emissions) * (3 * interval + 5) * 1000000,
+        // Loose, for a loaded machine: on average no worse than three times
+        // the interval plus 10 ms.
+        QVERIFY2(nth <= qint64(emissions) * (3 * interval + 10) * 1000000,
                  qPrintable(QStringLiteral("emission %1 after %2 ns").arg(emissions).arg(nth)));
     }
 
