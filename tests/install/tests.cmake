@@ -5,4 +5,4 @@ add_test(NAME install/consumer
     ${PROJECT_BINARY_DIR} ${CMAKE_CURRENT_SOURCE_DIR}/install/consumer
     ${CMAKE_CURRENT_BINARY_DIR}/install-check "${CANOPEN_SANITIZER}")
 set_tests_properties(install/consumer PROPERTIES TIMEOUT 300
-  ENVIRONMENT "QT_LOGGING_RULES=*.debug=false;CMAKE_GENERATOR=Ninja")
+  ENVIRONMENT "QT_LOGGING_RULES=*.debug=false")
