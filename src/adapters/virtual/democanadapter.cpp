@@ -237,7 +237,8 @@ void DemoCanAdapter::readPendingDatagrams()
 
 void DemoCanAdapter::run()
 {
-    mRunning.store(true);
+    // The running flag was set by open() before the thread started: setting
+    // it here again would undo a close() that came before the thread ran.
     mBusAddress = QHostAddress(QStringLiteral("127.255.255.255"));
     mActivePort = mPort.load();
     mTxSocket = new QUdpSocket();

@@ -6,7 +6,10 @@
 #include <QSignalSpy>
 #include <QUdpSocket>
 #include <QtTest>
+#include <atomic>
 #include <cstring>
+#include <thread>
+#include <vector>
 
 // Collects frames in the adapter's thread (direct connection, as the
 // dispatcher does) and hands them to the test thread under a lock.
@@ -153,6 +156,45 @@ private Q_SLOTS:
             QCOMPARE(frames[i].message.data[0] | (frames[i].message.data[1] << 8), i & 0xFFFF);
     }
 
+    // write() is entered from several threads at once (services, the SYNC
+    // timer thread, the cyclic transmitter): every frame goes out once and
+    // each thread's frames keep their order.
+    void concurrentWritersLoseNothing()
+    {
+        DemoCanAdapter a(QStringLiteral("v")), b(QStringLiteral("v"));
+        FrameSink sinkB(&b);
+        a.open();
+        b.open();
+        QTest::qWait(20);
+        constexpr int Threads = 4;
+        constexpr int PerThread = 5000;
+        std::vector<std::thread> writers;
+        std::atomic<int> refused{0};
+        for (int t = 0; t < Threads; ++t) {
+            writers.emplace_back([&a, &refused, t] {
+                for (int i = 0; i < PerThread; ++i) {
+                    CAN::CanMessage m = makeFrame(0x400 + t, {quint8(t), quint8(i), quint8(i >> 8)});
+                    if (a.write(&m) != CAN::Ok)
+                        refused.fetch_add(1);
+                }
+            });
+        }
+        for (auto& w : writers)
+            w.join();
+        QCOMPARE(refused.load(), 0);
+        QTRY_COMPARE_WITH_TIMEOUT(sinkB.count(), Threads * PerThread, 30000);
+        int next[Threads] = {};
+        for (const CAN::CanRxMessage& rx : sinkB.frames()) {
+            const int t = rx.message.data[0];
+            QVERIFY(t < Threads);
+            QCOMPARE(rx.message.id, quint32(0x400 + t));
+            QCOMPARE(rx.message.data[1] | (rx.message.data[2] << 8), next[t]);
+            ++next[t];
+        }
+        for (int t = 0; t < Threads; ++t)
+            QCOMPARE(next[t], PerThread);
+    }
+
     void reopenAfterClose()
     {
         DemoCanAdapter a(QStringLiteral("v")), b(QStringLiteral("v"));
@@ -218,6 +260,18 @@ private Q_SLOTS:
         foreign.writeDatagram(d, QHostAddress(QStringLiteral("127.255.255.255")), mPort);
         QTRY_COMPARE_WITH_TIMEOUT(sinkB.count(), 1, 2000);
         QCOMPARE(int(sinkB.frames().at(0).message.length), expectedLength);
+    }
+
+    // close() straight after open(), before the new thread has run: the
+    // loop must not start anyway (close() would wait for it for ever).
+    void closeRightAfterOpen()
+    {
+        DemoCanAdapter a(QStringLiteral("v"));
+        for (int i = 0; i < 100; ++i) {
+            QCOMPARE(a.open(), CAN::Ok);
+            a.close();
+            QVERIFY(!a.isRunning());
+        }
     }
 
     void closeIsPromptWhenIdle()

@@ -1,0 +1,46 @@
+#include "framecollector.h"
+
+#include <mutex>
+
+FrameCollector::FrameCollector(AbstractCanAdapter* adapter)
+{
+    connect(adapter, &AbstractCanAdapter::newCanMessage, this, &FrameCollector::take, Qt::DirectConnection);
+}
+
+void FrameCollector::take(CAN::CanRxMessage* message)
+{
+    std::lock_guard<CanMutex> guard(mLock);
+    mFrames.append(*message);
+}
+
+QVector<CAN::CanRxMessage> FrameCollector::frames() const
+{
+    std::lock_guard<CanMutex> guard(mLock);
+    // A deep copy made under the lock: nothing implicitly shared leaves it.
+    return QVector<CAN::CanRxMessage>(mFrames.cbegin(), mFrames.cend());
+}
+
+int FrameCollector::count() const
+{
+    std::lock_guard<CanMutex> guard(mLock);
+    return mFrames.size();
+}
+
+bool FrameCollector::find(quint32 id, CAN::CanRxMessage* out) const
+{
+    std::lock_guard<CanMutex> guard(mLock);
+    for (const CAN::CanRxMessage& rx : mFrames) {
+        if (rx.message.id == id) {
+            if (out)
+                *out = rx;
+            return true;
+        }
+    }
+    return false;
+}
+
+void FrameCollector::clear()
+{
+    std::lock_guard<CanMutex> guard(mLock);
+    mFrames.clear();
+}

@@ -1,0 +1,33 @@
+#ifndef FRAMECOLLECTOR_H
+#define FRAMECOLLECTOR_H
+
+#include "abstractcanadapter.h"
+#include "canmutex.h"
+
+#include <QObject>
+#include <QVector>
+
+// Keeps every frame an adapter emits. Connected directly, as the dispatcher
+// is, so it copies each record in the adapter's thread while the pointer is
+// valid; the test thread reads the copies under the lock.
+class FrameCollector : public QObject
+{
+    Q_OBJECT
+public:
+    explicit FrameCollector(AbstractCanAdapter* adapter);
+
+    QVector<CAN::CanRxMessage> frames() const;
+    int count() const;
+    // The first frame with this identifier, and whether there is one.
+    bool find(quint32 id, CAN::CanRxMessage* out = nullptr) const;
+    void clear();
+
+public Q_SLOTS:
+    void take(CAN::CanRxMessage* message);
+
+private:
+    mutable CanMutex mLock;
+    QVector<CAN::CanRxMessage> mFrames;
+};
+
+#endif
