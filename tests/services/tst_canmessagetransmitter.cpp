@@ -127,12 +127,16 @@ private Q_SLOTS:
         QVERIFY(!cmt.isRunning());
         QTest::qWait(30);
         QCOMPARE(adapter.writtenCount(), frames);
-        // A start and a stop before the worker got to it: nothing is sent.
+        // A stop right after a start: one frame at most (if the worker got
+        // to it first), never a transmission that goes on.
         cmt.startTransmission();
         cmt.stopTransmission();
         QTest::qWait(30);
-        QCOMPARE(adapter.writtenCount(), frames);
+        const int afterQuickStop = adapter.writtenCount();
+        QVERIFY(afterQuickStop - frames <= 1);
         QVERIFY(!cmt.isRunning());
+        QTest::qWait(30);
+        QCOMPARE(adapter.writtenCount(), afterQuickStop);
     }
 
     void updatedIntervalAppliesToTheNextPause()
