@@ -69,10 +69,23 @@ CAN::RetType SimDevice::send(quint32 id, const QByteArray& data)
     return send(m);
 }
 
-void SimDevice::addHandler(FrameHandler handler)
+int SimDevice::addHandler(FrameHandler handler)
 {
     std::lock_guard<std::mutex> guard(mHandlersLock);
-    mHandlers.push_back(std::move(handler));
+    const int handle = mNextHandle++;
+    mHandlers.emplace_back(handle, std::move(handler));
+    return handle;
+}
+
+void SimDevice::removeHandler(int handle)
+{
+    std::lock_guard<std::mutex> guard(mHandlersLock);
+    for (auto it = mHandlers.begin(); it != mHandlers.end(); ++it) {
+        if (it->first == handle) {
+            mHandlers.erase(it);
+            return;
+        }
+    }
 }
 
 void SimDevice::onFrame(CAN::CanRxMessage* frame)
@@ -80,8 +93,8 @@ void SimDevice::onFrame(CAN::CanRxMessage* frame)
     if (frame->echo)
         return;
     std::lock_guard<std::mutex> guard(mHandlersLock);
-    for (const FrameHandler& handler : mHandlers) {
-        if (handler(*frame))
+    for (const auto& entry : mHandlers) {
+        if (entry.second(*frame))
             return;
     }
 }

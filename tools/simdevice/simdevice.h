@@ -10,6 +10,7 @@
 #include <atomic>
 #include <functional>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 // A CANopen device on the virtual bus, for demos and end-to-end tests.
@@ -48,7 +49,11 @@ public:
     CAN::RetType send(const CAN::CanMessage& frame);
     CAN::RetType send(quint32 id, const QByteArray& data);
 
-    void addHandler(FrameHandler handler);
+    // Returns a handle for removeHandler(). A component that goes away
+    // before the device removes its handler; removeHandler() waits for a
+    // frame being handled (so it must not be called from a handler).
+    int addHandler(FrameHandler handler);
+    void removeHandler(int handle);
 
 Q_SIGNALS:
     void nmtStateChanged(SimDevice::NmtState state);
@@ -67,7 +72,8 @@ private:
     std::atomic<quint16> mHeartbeatMs{1000};
     QTimer mHeartbeatTimer;
     std::mutex mHandlersLock;
-    std::vector<FrameHandler> mHandlers;
+    std::vector<std::pair<int, FrameHandler>> mHandlers;
+    int mNextHandle = 1;
 };
 
 #endif

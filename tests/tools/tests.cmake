@@ -1,0 +1,6 @@
+if(CANOPEN_BUILD_TOOLS)
+  canopen_add_test(tools tst_simdevice)
+  target_link_libraries(tst_simdevice PRIVATE canopensim)
+  target_compile_definitions(tst_simdevice PRIVATE COSIM_PATH="$<TARGET_FILE:cosim>")
+  add_dependencies(tst_simdevice cosim)
+endif()
