@@ -18,6 +18,9 @@
 #include <QUdpSocket>
 
 #include <algorithm>
+#include <pthread.h>
+#include <sched.h>
+#include <thread>
 #include <atomic>
 #include <chrono>
 #include <cmath>
@@ -60,6 +63,20 @@ void print(const char* what, const Stats& s, double intervalUs, size_t periods)
                 "  (%zu periods, %d off by >10%%, mean error %+.3f %%)\n",
                 what, s.mean, s.stddev, s.maxDev, s.min, s.max, periods, s.over,
                 100.0 * (s.mean - intervalUs) / intervalUs);
+}
+
+// Whether a thread of this process may enter the real-time class (the timer
+// thread tries to; without the privilege it runs at normal priority).
+bool realTimeAllowed()
+{
+    bool allowed = false;
+    std::thread probe([&allowed] {
+        sched_param param{};
+        param.sched_priority = sched_get_priority_min(SCHED_FIFO);
+        allowed = pthread_setschedparam(pthread_self(), SCHED_FIFO, &param) == 0;
+    });
+    probe.join();
+    return allowed;
 }
 
 quint16 freePort()
@@ -178,6 +195,7 @@ int main(int argc, char** argv)
     }
     const quint16 port = freePort();
     std::printf("bench_sync: %d SYNC frames per interval, virtual bus on private UDP port %u\n", frames, port);
+    std::printf("timer thread in the real-time class (SCHED_FIFO): %s\n", realTimeAllowed() ? "yes" : "no (not permitted)");
     for (unsigned int us : intervals) {
         if (us < 1000) {
             std::fprintf(stderr, "bench_sync: skipping %u us (the timer runs in whole milliseconds)\n", us);

@@ -44,6 +44,8 @@ protected:
     void run() override;
 
 private:
+    static void raisePriority();
+
     using Clock = std::chrono::steady_clock;
 
     std::atomic<bool> mActive{false};
