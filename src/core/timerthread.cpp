@@ -68,8 +68,8 @@ void TimerThread::raisePriority()
 {
     // On Linux QThread's TimeCriticalPriority changes nothing for normal
     // threads. Where the process may (root, CAP_SYS_NICE or an RLIMIT_RTPRIO
-    // allowance) the timer runs in the lowest real-time class, which is above
-    // every normal thread; otherwise at the best nice value it may have.
+    // allowance) the timer runs at the lowest real-time priority, which is
+    // above every normal thread; else at nice -20 if allowed; else as it is.
     // The loop sleeps between ticks, so it never holds a core.
     sched_param param{};
     param.sched_priority = sched_get_priority_min(SCHED_FIFO);
@@ -93,14 +93,14 @@ void TimerThread::run()
         const Clock::duration period = std::chrono::milliseconds(mInterval == 0 ? 1 : mInterval);
         const Clock::time_point now = Clock::now();
         if (mClockValid && now < mClock + period) {
-            // Woken early by a change or spuriously: the loop looks again.
+            // Not due: sleep until the deadline (a change wakes the loop earlier).
             mWake.wait_until(lock, mClock + period);
             continue;
         }
         // Due. Stay on the grid when less than half a period late, so that
         // wake-up latency does not add up; later than that (or with the
-        // clock never started) the grid restarts now, so that two ticks are
-        // never closer than half a period and missed ticks are not made up.
+        // clock never started) the grid restarts now, so that late ticks are
+        // not followed by a bunch of catch-up ticks.
         if (mClockValid && now < mClock + period + period / 2)
             mClock += period;
         else

@@ -15,9 +15,9 @@
 // The thread sleeps until the next deadline instead of polling. Deadlines lie
 // on a fixed grid from the last clock restart (setIntervalMs), so wake-up
 // latency does not add up from period to period; a tick more than half a
-// period late restarts the grid instead (ticks never come closer than half a
-// period, missed ones are not made up). An interval of 0 ticks every
-// millisecond.
+// period late restarts the grid instead (missed ticks are not made up). An
+// interval of 0 ticks every millisecond. The thread runs at real-time
+// priority where the process is allowed to (see raisePriority()).
 class CANOPENMASTER_EXPORT TimerThread : public QThread
 {
     Q_OBJECT
