@@ -4,7 +4,11 @@
 #include "democanadapter.h"
 #include "objectdictionary.h"
 #include "sdoserver.h"
+#include "simconsole.h"
 #include "simdevice.h"
+#include "simemcyproducer.h"
+#include "simnmtslave.h"
+#include "simtpdo.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -18,14 +22,28 @@ int main(int argc, char** argv)
     CanopenMaster master;
 
     QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral("Simulated CANopen device on the virtual CAN bus.\n"
-                                                    "Its SDO server answers expedited, segmented and block transfers;\n"
-                                                    "--list-od prints the object dictionary."));
+    parser.setApplicationDescription(QStringLiteral(
+        "Simulated CANopen device on the virtual CAN bus.\n"
+        "\n"
+        "At start it sends its boot-up frame (0x700+id) and enters pre-operational. It follows\n"
+        "NMT commands (0x000, node-ID or 0 for all), answers node guarding (remote frame on\n"
+        "0x700+id: state byte with toggle bit, starting at 0 after a reset), produces heartbeats,\n"
+        "sends emergencies on 0x80+id and, while operational, one TPDO per SYNC (0x080):\n"
+        "  TPDO 0x180+id, 6 bytes:\n"
+        "    bytes 0-1  UNSIGNED16  counter, 1 at the first TPDO after start or reset, +1 each\n"
+        "    bytes 2-5  INTEGER32   -1000 x counter\n"
+        "\n"
+        "Its SDO server answers expedited, segmented and block transfers; --list-od prints "
+        "the object dictionary.\n"
+        "\n") + SimConsole::helpText());
     parser.addHelpOption();
     QCommandLineOption nodeOpt({QStringLiteral("n"), QStringLiteral("node")}, QStringLiteral("Node-ID 1..127 (default 5)."), QStringLiteral("id"), QStringLiteral("5"));
     QCommandLineOption hbOpt(QStringLiteral("heartbeat"), QStringLiteral("Heartbeat producer time in ms, 0 for none (default 1000)."), QStringLiteral("ms"), QStringLiteral("1000"));
     QCommandLineOption portOpt(QStringLiteral("port"), QStringLiteral("Virtual bus UDP port (default: $CANOPEN_VBUS_PORT or 45674)."), QStringLiteral("port"));
-    parser.addOptions({nodeOpt, hbOpt, portOpt});
+    QCommandLineOption operationalOpt(QStringLiteral("operational"), QStringLiteral("Enter operational by itself after the boot-up."));
+    QCommandLineOption noConsoleOpt(QStringLiteral("no-console"), QStringLiteral("Do not read commands from stdin."));
+    parser.addOptions({nodeOpt, hbOpt, portOpt, operationalOpt, noConsoleOpt});
+
     QCommandLineOption listOdOpt(QStringLiteral("list-od"), QStringLiteral("Print the object dictionary and exit."));
     QCommandLineOption noSdoOpt(QStringLiteral("no-sdo"), QStringLiteral("Run without the SDO server."));
     QCommandLineOption sdoBlockOpt(QStringLiteral("sdo-block-size"), QStringLiteral("Segments per block offered in SDO block downloads, 1..127 (default 127)."), QStringLiteral("n"), QStringLiteral("127"));
@@ -82,8 +100,17 @@ int main(int argc, char** argv)
         sdo->setTimeout(sdoTimeout);
         sdo->setCrcSupported(!parser.isSet(sdoNoCrcOpt));
     }
+    SimNmtSlave nmt(&device);
+    SimEmcyProducer emcy(&device);
+    SimTpdo tpdo(&device);
+    SimConsole console(&device, &nmt, &emcy, &tpdo);
+    QObject::connect(&console, &SimConsole::quitRequested, &app, &QCoreApplication::quit, Qt::QueuedConnection);
     adapter.open();
     device.start();
+    if (parser.isSet(operationalOpt))
+        nmt.execute(SimNmtSlave::Start);
+    if (!parser.isSet(noConsoleOpt))
+        console.attachStdin();
 
     std::signal(SIGINT, [](int) { QCoreApplication::quit(); });
     std::signal(SIGTERM, [](int) { QCoreApplication::quit(); });

@@ -72,16 +72,20 @@ CAN::RetType SimDevice::send(quint32 id, const QByteArray& data)
 int SimDevice::addHandler(FrameHandler handler)
 {
     std::lock_guard<std::mutex> guard(mHandlersLock);
-    mHandlers.push_back(std::move(handler));
-    return int(mHandlers.size()) - 1;
+    const int handle = mNextHandle++;
+    mHandlers.emplace_back(handle, std::move(handler));
+    return handle;
 }
 
-void SimDevice::removeHandler(int id)
+void SimDevice::removeHandler(int handle)
 {
-    // The slot stays (ids are positions) and no longer consumes any frame.
     std::lock_guard<std::mutex> guard(mHandlersLock);
-    if (id >= 0 && id < int(mHandlers.size()))
-        mHandlers[size_t(id)] = [](const CAN::CanRxMessage&) { return false; };
+    for (auto it = mHandlers.begin(); it != mHandlers.end(); ++it) {
+        if (it->first == handle) {
+            mHandlers.erase(it);
+            return;
+        }
+    }
 }
 
 void SimDevice::onFrame(CAN::CanRxMessage* frame)
@@ -89,8 +93,8 @@ void SimDevice::onFrame(CAN::CanRxMessage* frame)
     if (frame->echo)
         return;
     std::lock_guard<std::mutex> guard(mHandlersLock);
-    for (const FrameHandler& handler : mHandlers) {
-        if (handler(*frame))
+    for (const auto& entry : mHandlers) {
+        if (entry.second(*frame))
             return;
     }
 }

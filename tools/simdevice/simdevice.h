@@ -10,6 +10,7 @@
 #include <atomic>
 #include <functional>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 // A CANopen device on the virtual bus, for demos and end-to-end tests.
@@ -48,11 +49,11 @@ public:
     CAN::RetType send(const CAN::CanMessage& frame);
     CAN::RetType send(quint32 id, const QByteArray& data);
 
-    // Returns an id for removeHandler().
+    // Returns a handle for removeHandler(). A component that goes away
+    // before the device removes its handler; removeHandler() waits for a
+    // frame being handled (so it must not be called from a handler).
     int addHandler(FrameHandler handler);
-    // Removes a handler; once this returns, the handler is not running and
-    // will not be called again. Not from inside a handler.
-    void removeHandler(int id);
+    void removeHandler(int handle);
 
 Q_SIGNALS:
     void nmtStateChanged(SimDevice::NmtState state);
@@ -71,7 +72,8 @@ private:
     std::atomic<quint16> mHeartbeatMs{1000};
     QTimer mHeartbeatTimer;
     std::mutex mHandlersLock;
-    std::vector<FrameHandler> mHandlers;
+    std::vector<std::pair<int, FrameHandler>> mHandlers;
+    int mNextHandle = 1;
 };
 
 #endif

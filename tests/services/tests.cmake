@@ -1,0 +1,3 @@
+canopen_add_test(services tst_syncproducer)
+canopen_add_test(services tst_canmessagetransmitter)
+canopen_add_test(services tst_rpdo)
