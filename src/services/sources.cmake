@@ -1,2 +1,2 @@
-set(SUBDIR_SOURCES)
-set(SUBDIR_HEADERS)
+set(SUBDIR_SOURCES emcyconsumer.cpp nmtnetwork.cpp nmtslave.cpp)
+set(SUBDIR_HEADERS emcyconsumer.h nmtnetwork.h nmtslave.h)

@@ -1,0 +1,3 @@
+canopen_add_test(services tst_nmtnetwork)
+canopen_add_test(services tst_nmtslave)
+canopen_add_test(services tst_emcyconsumer)
