@@ -1,7 +1,27 @@
 #include "cia309adapter.h"
 
+#include <QCoreApplication>
 #include <QDebug>
+#include <QEvent>
 #include <QTcpSocket>
+
+namespace {
+// Posted to the adapter when another thread has queued a request.
+QEvent::Type pendingRequestEvent()
+{
+    static const QEvent::Type type = QEvent::Type(QEvent::registerEventType());
+    return type;
+}
+} // namespace
+
+// A request made in another thread than the socket's: the caller waits for
+// the socket's thread to number and write it.
+struct CiA309Adapter::PendingRequest {
+    const QString* request = nullptr;
+    qint16 sequenceNumber = -1;
+    CAN::RetType result = CAN::Error;
+    bool done = false;
+};
 
 CiA309Adapter::CiA309Adapter(const QString& interfaceName, QObject* parent)
     : AbstractCanAdapter(parent)
@@ -132,22 +152,19 @@ CAN::RetType CiA309Adapter::sendCiA309Request(const QString& request, qint16& se
     if (QThread::currentThread() != thread()) {
         // The socket is not thread-safe: numbering and writing happen in the
         // socket's thread while this caller waits, so the call stays
-        // synchronous and numbers go out in order. (The owning thread must be
-        // running its event loop.)
-        CAN::RetType result = CAN::Error;
-        qint16 used = -1;
-        tsanRelease(&result);
-        QMetaObject::invokeMethod(
-            this,
-            [this, &request, &result, &used] {
-                tsanAcquire(&result);
-                result = sendCiA309Request(request, used);
-                tsanRelease(&result);
-            },
-            Qt::BlockingQueuedConnection);
-        tsanAcquire(&result);
-        sequenceNumber = used;
-        return result;
+        // synchronous and numbers go out in the order of the lines. (The
+        // socket's thread must be running its event loop.)
+        PendingRequest pending;
+        pending.request = &request;
+        {
+            std::lock_guard<std::mutex> guard(mPendingLock);
+            mPending.push_back(&pending);
+        }
+        QCoreApplication::postEvent(this, new QEvent(pendingRequestEvent()));
+        std::unique_lock<std::mutex> lock(mPendingLock);
+        mPendingDone.wait(lock, [&pending] { return pending.done; });
+        sequenceNumber = pending.sequenceNumber;
+        return pending.result;
     }
 
     const qint16 used = mSequenceNumber;
@@ -156,6 +173,38 @@ CAN::RetType CiA309Adapter::sendCiA309Request(const QString& request, qint16& se
     sequenceNumber = used;
     mSequenceNumber = nextSequenceNumber(used);
     return result;
+}
+
+bool CiA309Adapter::event(QEvent* e)
+{
+    if (e->type() == pendingRequestEvent()) {
+        processPendingRequests();
+        return true;
+    }
+    return AbstractCanAdapter::event(e);
+}
+
+void CiA309Adapter::processPendingRequests()
+{
+    for (;;) {
+        PendingRequest* p;
+        {
+            std::lock_guard<std::mutex> guard(mPendingLock);
+            if (mPending.empty())
+                return;
+            p = mPending.front();
+            mPending.pop_front();
+        }
+        qint16 used = -1;
+        const CAN::RetType result = sendCiA309Request(*p->request, used);
+        {
+            std::lock_guard<std::mutex> guard(mPendingLock);
+            p->sequenceNumber = used;
+            p->result = result;
+            p->done = true;
+        }
+        mPendingDone.notify_all();
+    }
 }
 
 CAN::RetType CiA309Adapter::writeLine(const QString& line)

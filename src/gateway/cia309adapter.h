@@ -2,11 +2,13 @@
 #define CIA309ADAPTER_H
 
 #include "abstractcanadapter.h"
-#include "canmutex.h"
 
 #include <QAbstractSocket>
 #include <QPointer>
 #include <QStringList>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
 
 class QTcpSocket;
 
@@ -18,7 +20,9 @@ class QTcpSocket;
 // into lines and match the sequence numbers themselves.
 //
 // The socket lives in the thread that created the adapter; open() and close()
-// are called there. Requests may come from any thread (see sendCiA309Request).
+// are called there. Requests may come from any thread: they are carried out
+// in the socket's thread (which must run its event loop) while the caller
+// waits, so the adapter must outlive every call in progress.
 class CANOPENMASTER_EXPORT CiA309Adapter : public AbstractCanAdapter
 {
     Q_OBJECT
@@ -65,7 +69,12 @@ public Q_SLOTS:
     void socketError(QAbstractSocket::SocketError error);
     void socketStateChanged(QAbstractSocket::SocketState newTCPState);
 
+protected:
+    bool event(QEvent* e) override;
+
 private:
+    struct PendingRequest;
+    void processPendingRequests();
     CAN::RetType writeLine(const QString& line);
     void abortSocket();
     void abortSocket(QTcpSocket* socket);
@@ -74,10 +83,13 @@ private:
     QPointer<QTcpSocket> mSocket;
     QString mHost;
     quint16 mPort = 0;
-    qint16 mSequenceNumber = 0; // guarded by mSequenceLock
-    CanMutex mSequenceLock;
+    qint16 mSequenceNumber = 0; // socket thread only
     QAbstractSocket::SocketState mTcpState = QAbstractSocket::UnconnectedState;
     bool mAborting = false; // our own abort is no loss of the connection
+    // Requests of other threads, waiting for the socket's thread.
+    std::mutex mPendingLock;
+    std::condition_variable mPendingDone;
+    std::deque<PendingRequest*> mPending;
 };
 
 #endif

@@ -39,7 +39,8 @@ public:
     // Pure decoding. A frame's 8 data bytes (length not looked at).
     static EMCYData decodeFrame(const CAN::CanMessage& frame);
     // One gateway line: true and the record when it reports an emergency of
-    // the node whose EMCY COB-ID is `cobId`.
+    // the node whose EMCY COB-ID is `cobId`. A trailing CR is dropped; a line
+    // of exactly 8 tokens leaves the last manufacturer byte 0.
     static bool decodeLine(const QString& line, unsigned int cobId, EMCYData& out);
 
 Q_SIGNALS:

@@ -6,6 +6,7 @@
 #include "nmtslave.h"
 
 #include <QElapsedTimer>
+#include <QRegularExpression>
 #include <QSignalSpy>
 #include <QTcpServer>
 #include <QTcpSocket>
@@ -37,6 +38,17 @@ public:
         QElapsedTimer t;
         t.start();
         while (mPeer && mData.size() < size && t.elapsed() < 3000) {
+            mPeer->waitForReadyRead(50);
+            mData += mPeer->readAll();
+        }
+        return mData;
+    }
+    // Everything the adapter wrote, once `count` whole lines are in.
+    QByteArray receivedLines(int count)
+    {
+        QElapsedTimer t;
+        t.start();
+        while (mPeer && mData.count('\n') < count && t.elapsed() < 3000) {
             mPeer->waitForReadyRead(50);
             mData += mPeer->readAll();
         }
@@ -224,25 +236,41 @@ private Q_SLOTS:
         QCOMPARE(errors.count(), 0); // never established, nothing lost
     }
 
-    void requestsFromAnotherThreadGoThroughTheSocketThread()
+    void requestsFromOtherThreadsGoThroughTheSocketThread()
     {
         FakeGateway gw;
         CiA309Adapter a{QString()};
         gw.configure(a);
         QCOMPARE(a.open(), CAN::Ok);
         QVERIFY(gw.accept());
-        std::atomic<bool> done{false};
-        CAN::RetType result = CAN::Error;
-        qint16 slot = -1;
-        std::thread caller([&] {
-            result = a.sendCiA309Request(QStringLiteral("7 start"), slot);
-            done.store(true);
-        });
-        QTRY_VERIFY_WITH_TIMEOUT(done.load(), 3000); // runs this thread's event loop meanwhile
-        caller.join();
-        QCOMPARE(result, CAN::Ok);
-        QCOMPARE(slot, qint16(0));
-        QCOMPARE(gw.received(12), QByteArray("[0] 7 start\n"));
+        constexpr int Threads = 3, PerThread = 40;
+        std::atomic<int> finished{0};
+        // What each caller was told: the number of each of its requests.
+        std::vector<std::vector<qint16>> numbers(Threads, std::vector<qint16>(PerThread, -1));
+        std::vector<std::thread> callers;
+        for (int w = 0; w < Threads; ++w) {
+            callers.emplace_back([&, w] {
+                for (int i = 0; i < PerThread; ++i) {
+                    qint16 slot = -1;
+                    if (a.sendCiA309Request(QStringLiteral("t%1 %2").arg(w).arg(i), slot) == CAN::Ok)
+                        numbers[size_t(w)][size_t(i)] = slot;
+                }
+                ++finished;
+            });
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(finished.load(), Threads, 10000); // this thread serves them meanwhile
+        for (std::thread& t : callers)
+            t.join();
+        // Every line whole, numbered in the order written, and its number the one its caller got.
+        const QList<QByteArray> lines = gw.receivedLines(Threads * PerThread).split('\n');
+        QCOMPARE(lines.size(), Threads * PerThread + 1);
+        for (int n = 0; n < Threads * PerThread; ++n) {
+            QRegularExpressionMatch m = QRegularExpression(QStringLiteral("^\\[(\\d+)\\] t(\\d) (\\d+)$"))
+                                            .match(QString::fromLatin1(lines[n]));
+            QVERIFY2(m.hasMatch(), lines[n].constData());
+            QCOMPARE(m.captured(1).toInt(), n);
+            QCOMPARE(int(numbers[size_t(m.captured(2).toInt())][size_t(m.captured(3).toInt())]), n);
+        }
     }
 
     // The services' command lines and the emergency report lines over a real connection.

@@ -116,6 +116,7 @@ private Q_SLOTS:
         QTest::newRow("8 tokens and CR LF") << "5 emcy 0x8110 0x11 1 2 3 4\r\n"
                                             << QStringList{"8110 11 01 02 03 04 00"};
         QTest::newRow("7 tokens") << "5 emcy 0x8110 0x11 1 2 3" << QStringList{};
+        QTest::newRow("7 tokens, blank before CR LF") << "5 emcy 0x8110 0x11 1 2 3 \r\n" << QStringList{};
         QTest::newRow("other node") << "6 emcy 0x8110 0x11 1 2 3 4 5" << QStringList{};
         QTest::newRow("no word emcy") << "5 xxxx 0x8110 0x11 1 2 3 4 5" << QStringList{};
         QTest::newRow("upper-case EMCY is no emcy") << "5 EMCY 0x8110 0x11 1 2 3 4 5" << QStringList{};
