@@ -18,6 +18,11 @@
 #include "rpdo.h"
 #include "canadapterfactory.h"
 #include "democanadapter.h"
+#include "gridconnectusbcanadapter.h"
+#include "cia309adapter.h"
+#include "nmtnetwork.h"
+#include "nmtslave.h"
+#include "emcyconsumer.h"
 #include "canlisterner.h"
 #include "canopenmaster_c.h"
 

@@ -1,4 +1,5 @@
 #include "canadapterfactory.h"
+#include "cia309adapter.h"
 #include "democanadapter.h"
 
 
@@ -29,6 +30,8 @@ AbstractCanAdapter* CanAdapterFactory::createCanAdapter(CanAdapterType type, QSt
     switch (type) {
     case Virtual:
         return new DemoCanAdapter(interfaceName, nullptr);
+    case CiA309:
+        return new CiA309Adapter(interfaceName, nullptr); // the name is not used
     default:
         return nullptr; // no class behind this type in this build
     }
@@ -57,6 +60,8 @@ QStringList CanAdapterFactory::getInterfaceList(CanAdapterType type)
     switch (type) {
     case Virtual:
         return DemoCanAdapter::getInterfaceList();
+    case CiA309:
+        return CiA309Adapter::getInterfaceList();
     default:
         return {};
     }

@@ -1,2 +1,2 @@
-set(SUBDIR_SOURCES)
-set(SUBDIR_HEADERS)
+set(SUBDIR_SOURCES cia309adapter.cpp)
+set(SUBDIR_HEADERS cia309adapter.h)

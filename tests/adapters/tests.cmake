@@ -1,2 +1,3 @@
 canopen_add_test(adapters/virtual tst_democanadapter)
 canopen_add_test(adapters tst_canadapterfactory)
+canopen_add_test(adapters/gridconnect tst_gridconnectusbcanadapter)

@@ -1,4 +1,5 @@
 #include "canadapterfactory.h"
+#include "cia309adapter.h"
 #include "democanadapter.h"
 
 #include <QtTest>
@@ -16,6 +17,7 @@ private Q_SLOTS:
         for (int t : {0, 2, 4, 5, 7, 8, 9, 10, 11, 12, 13, 14, 15, 16, 17, 18, 19, 21, 255})
             QTest::addRow("type %d", t) << t << false;
         QTest::newRow("virtual") << 6 << true;
+        QTest::newRow("gateway") << 20 << true;
     }
     void createsOnlyTypesWithAClass()
     {
@@ -23,8 +25,12 @@ private Q_SLOTS:
         QFETCH(bool, created);
         QScopedPointer<AbstractCanAdapter> a(F::createCanAdapter(F::CanAdapterType(type), QStringLiteral("x")));
         QCOMPARE(!a.isNull(), created);
-        if (created)
+        if (type == F::Virtual)
             QVERIFY(qobject_cast<DemoCanAdapter*>(a.data()));
+        if (type == F::CiA309) {
+            QVERIFY(qobject_cast<CiA309Adapter*>(a.data()));
+            QCOMPARE(a->getCanAdapterOption(AbstractCanAdapter::CiA309Gateway).toBool(), true);
+        }
     }
 
     void implementedAdaptersInOrder()
@@ -157,6 +163,7 @@ private Q_SLOTS:
     void interfaceLists()
     {
         QCOMPARE(F::getInterfaceList(F::Virtual), QStringList({"Talvik Virtual"}));
+        QCOMPARE(F::getInterfaceList(F::CiA309), QStringList({"CiA 309-3"}));
         QVERIFY(F::getInterfaceList(F::CanAdapterType(12)).isEmpty());
     }
 

@@ -182,7 +182,7 @@ private Q_SLOTS:
         QCOMPARE(ca_create(6, "Talvik Virtual", 500), 0);
         QCOMPARE(ca_create(6, nullptr, 125), 1);
         QCOMPARE(ca_create(12, "Talvik Virtual", 500), -1);
-        QCOMPARE(ca_create(20, "127.0.0.1", 500), -1);
+        QCOMPARE(ca_create(21, "127.0.0.1", 500), -1);
         QCOMPARE(ca_create(6 + 256, "Talvik Virtual", 500), 2); // only the low 8 bits count
         QCOMPARE(ca_create(12, "Talvik Virtual", 500), -1);
         QCOMPARE(ca_create(6, "", 0x10000 + 250), 3);

@@ -1,3 +1,6 @@
+canopen_add_test(services tst_nmtnetwork)
+canopen_add_test(services tst_nmtslave)
+canopen_add_test(services tst_emcyconsumer)
 canopen_add_test(services tst_syncproducer)
 canopen_add_test(services tst_canmessagetransmitter)
 canopen_add_test(services tst_rpdo)

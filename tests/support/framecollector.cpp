@@ -2,7 +2,8 @@
 
 #include <mutex>
 
-FrameCollector::FrameCollector(AbstractCanAdapter* adapter)
+FrameCollector::FrameCollector(AbstractCanAdapter* adapter, QObject* parent)
+    : QObject(parent)
 {
     connect(adapter, &AbstractCanAdapter::newCanMessage, this, &FrameCollector::take, Qt::DirectConnection);
 }

@@ -14,7 +14,7 @@ class FrameCollector : public QObject
 {
     Q_OBJECT
 public:
-    explicit FrameCollector(AbstractCanAdapter* adapter);
+    explicit FrameCollector(AbstractCanAdapter* adapter, QObject* parent = nullptr);
 
     QVector<CAN::CanRxMessage> frames() const;
     int count() const;

@@ -1,2 +1,2 @@
-set(SUBDIR_SOURCES)
-set(SUBDIR_HEADERS)
+set(SUBDIR_SOURCES gridconnectusbcanadapter.cpp)
+set(SUBDIR_HEADERS gridconnectusbcanadapter.h)

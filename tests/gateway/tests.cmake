@@ -1,0 +1,1 @@
+canopen_add_test(gateway tst_cia309adapter)
