@@ -1,0 +1,2 @@
+canopen_add_test(sdo tst_sdoexpeditedclient)
+canopen_add_test(sdo tst_sdosegmentedclient)
