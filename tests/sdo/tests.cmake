@@ -1,2 +1,3 @@
 canopen_add_test(sdo tst_sdoexpeditedclient)
 canopen_add_test(sdo tst_sdosegmentedclient)
+canopen_add_test(sdo tst_sdoblockclient)

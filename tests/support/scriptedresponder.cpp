@@ -8,6 +8,14 @@
 #include <cstring>
 
 ScriptedResponder::ScriptedResponder(RecordingCanAdapter* adapter, quint32 answerId, Script script)
+    : ScriptedResponder(adapter, answerId, MultiScript([script](const CAN::CanMessage& request) {
+        const QByteArray answer = script(request);
+        return answer.isEmpty() ? QList<QByteArray>() : QList<QByteArray>{answer};
+    }))
+{
+}
+
+ScriptedResponder::ScriptedResponder(RecordingCanAdapter* adapter, quint32 answerId, MultiScript script)
     : mAdapter(adapter)
     , mAnswerId(answerId)
     , mScript(std::move(script))
@@ -24,15 +32,15 @@ int ScriptedResponder::serveWaiting()
     const int count = mAdapter->writtenCount();
     int seen = 0;
     while (mSeen < count) {
-        const QByteArray answer = mScript(mAdapter->writtenAt(mSeen++));
+        const QList<QByteArray> answers = mScript(mAdapter->writtenAt(mSeen++));
         ++seen;
-        if (answer.isEmpty())
-            continue;
-        CAN::CanRxMessage rx;
-        rx.message.id = mAnswerId;
-        rx.message.length = quint8(qMin(answer.size(), 64));
-        std::memcpy(rx.message.data, answer.constData(), rx.message.length);
-        mAdapter->inject(rx);
+        for (const QByteArray& answer : answers) {
+            CAN::CanRxMessage rx;
+            rx.message.id = mAnswerId;
+            rx.message.length = quint8(qMin(answer.size(), 64));
+            std::memcpy(rx.message.data, answer.constData(), rx.message.length);
+            mAdapter->inject(rx);
+        }
     }
     return seen;
 }

@@ -4,6 +4,7 @@
 #include "cantypes.h"
 
 #include <QByteArray>
+#include <QList>
 #include <atomic>
 #include <functional>
 #include <thread>
@@ -19,8 +20,11 @@ class ScriptedResponder
 {
 public:
     using Script = std::function<QByteArray(const CAN::CanMessage& request)>;
+    // A script that may answer one request with several frames.
+    using MultiScript = std::function<QList<QByteArray>(const CAN::CanMessage& request)>;
 
     ScriptedResponder(RecordingCanAdapter* adapter, quint32 answerId, Script script);
+    ScriptedResponder(RecordingCanAdapter* adapter, quint32 answerId, MultiScript script);
     ~ScriptedResponder(); // stops and joins the thread
 
     // Answers the frames written since the last call; returns how many were seen.
@@ -34,7 +38,7 @@ public:
 private:
     RecordingCanAdapter* mAdapter;
     quint32 mAnswerId;
-    Script mScript;
+    MultiScript mScript;
     int mSeen = 0; // used by one thread at a time
     std::atomic<bool> mStop{false};
     std::thread mThread;
