@@ -3,6 +3,7 @@
 #include "qtwarningtrap.h"
 #include "recordingcanadapter.h"
 #include "scriptedresponder.h"
+#include "scriptedsdoserver.h"
 #include "sdoblockclient.h"
 
 #include <QSignalSpy>
@@ -12,115 +13,6 @@
 namespace {
 constexpr quint32 Rx = 0x585;
 constexpr quint32 Tx = 0x605;
-
-QByteArray frame8(std::initializer_list<int> head)
-{
-    QByteArray a(8, '\0');
-    int i = 0;
-    for (int b : head)
-        a[i++] = char(b);
-    return a;
-}
-
-// A device's block SDO server for one entry, used as a responder script.
-// Downloads are collected in `received`; uploads return `content`.
-struct BlockServer {
-    QByteArray content;
-    quint8 downloadBlockSize = 127;
-    int confirmOnly = 0;    // non-zero: confirm only this many segments of a block
-    int silentAfter = -1;   // upload: stop sending after this many segments
-    QByteArray received;
-    enum { Idle, DownloadSegments, DownloadEnd, UploadInit, UploadSegments, UploadEnd } mode = Idle;
-    quint8 clientBlockSize = 0;
-    int position = 0;
-    int sentSegments = 0;
-
-    QList<QByteArray> answer(const CAN::CanMessage& m)
-    {
-        const quint8 c = m.data[0];
-        if (c == 0x80) {
-            mode = Idle;
-            return {};
-        }
-        switch (mode) {
-        case DownloadSegments: {
-            received.append(reinterpret_cast<const char*>(m.data + 1), 7);
-            const int seq = c & 0x7F;
-            const bool last = c & 0x80;
-            if (last)
-                mode = DownloadEnd;
-            if (seq == downloadBlockSize || last)
-                return {frame8({0xA2, confirmOnly ? confirmOnly : seq, downloadBlockSize})};
-            return {};
-        }
-        case DownloadEnd:
-            if ((c & 0xE3) == 0xC1) { // end: drop the n unused bytes
-                received.chop((c >> 2) & 0x07);
-                mode = Idle;
-                return {frame8({0xA1})};
-            }
-            return {};
-        case UploadInit:
-            if (c == 0xA3)
-                return uploadBlock();
-            return {};
-        case UploadSegments:
-            if (c == 0xA2) {
-                if (position >= content.size()) {
-                    mode = UploadEnd;
-                    const int unused = (7 - content.size() % 7) % 7;
-                    return {frame8({0xC1 | (unused << 2), 0x12, 0x34})}; // some CRC, ignored
-                }
-                return uploadBlock();
-            }
-            return {};
-        case UploadEnd:
-            mode = Idle;
-            return {};
-        case Idle:
-            break;
-        }
-        QByteArray a(8, '\0');
-        std::memcpy(a.data() + 1, m.data + 1, 3);
-        if (c == 0xC2) { // initiate download, no CRC, size indicated
-            received.clear();
-            a[0] = char(0xA0);
-            a[4] = char(downloadBlockSize);
-            mode = DownloadSegments;
-            return {a};
-        }
-        if (c == 0xA4) { // initiate upload
-            clientBlockSize = m.data[4];
-            position = 0;
-            sentSegments = 0;
-            a[0] = char(0xC2);
-            const quint32 n = quint32(content.size());
-            for (int i = 0; i < 4; ++i)
-                a[4 + i] = char(n >> (8 * i));
-            mode = UploadInit;
-            return {a};
-        }
-        return {};
-    }
-
-    QList<QByteArray> uploadBlock()
-    {
-        mode = UploadSegments;
-        QList<QByteArray> frames;
-        for (int seq = 1; seq <= clientBlockSize && position < content.size(); ++seq) {
-            if (silentAfter >= 0 && sentSegments >= silentAfter)
-                break;
-            QByteArray a(8, '\0');
-            const int n = qMin(7, content.size() - position);
-            std::memcpy(a.data() + 1, content.constData() + position, size_t(n));
-            position += n;
-            a[0] = char(seq | (position >= content.size() ? 0x80 : 0));
-            frames.append(a);
-            ++sentSegments;
-        }
-        return frames;
-    }
-};
 
 QByteArray counting(int n)
 {
@@ -218,7 +110,7 @@ private Q_SLOTS:
         QFETCH(QList<int>, percent);
         for (QByteArray& f : frames)
             f.replace(' ', "");
-        BlockServer server;
+        ScriptedSdoServer server;
         server.downloadBlockSize = quint8(blockSize);
         ScriptedResponder responder(adapter, Rx,
                                     [&](const CAN::CanMessage& m) { return server.answer(m); });
@@ -239,7 +131,7 @@ private Q_SLOTS:
 
     void confirmationShortOfTheBlockAborts()
     {
-        BlockServer server;
+        ScriptedSdoServer server;
         server.downloadBlockSize = 5;
         server.confirmOnly = 3;
         ScriptedResponder responder(adapter, Rx,
@@ -259,7 +151,7 @@ private Q_SLOTS:
 
     void fullTransmitQueueIsRetried()
     {
-        BlockServer server;
+        ScriptedSdoServer server;
         server.downloadBlockSize = 4;
         ScriptedResponder responder(adapter, Rx,
                                     [&](const CAN::CanMessage& m) { return server.answer(m); });
@@ -301,7 +193,7 @@ private Q_SLOTS:
         QFETCH(int, length);
         QFETCH(QList<QByteArray>, requests);
         QFETCH(QList<int>, percent);
-        BlockServer server;
+        ScriptedSdoServer server;
         server.content = counting(length);
         ScriptedResponder responder(adapter, Rx,
                                     [&](const CAN::CanMessage& m) { return server.answer(m); });
@@ -342,7 +234,7 @@ private Q_SLOTS:
     {
         QFETCH(bool, upload);
         QFETCH(int, silentAfter);
-        BlockServer server;
+        ScriptedSdoServer server;
         server.content = counting(200);
         server.silentAfter = 3; // upload: three segments of the block, then nothing
         int answered = 0;
@@ -375,7 +267,7 @@ private Q_SLOTS:
     {
         QFETCH(bool, upload);
         QFETCH(int, answersBefore);
-        BlockServer server;
+        ScriptedSdoServer server;
         server.content = counting(100);
         server.downloadBlockSize = 2;
         server.silentAfter = 2;
@@ -454,7 +346,7 @@ private Q_SLOTS:
 
     void transfersAnsweredFromAnotherThread()
     {
-        BlockServer server;
+        ScriptedSdoServer server;
         server.content = counting(2000);
         server.downloadBlockSize = 10;
         ScriptedResponder responder(adapter, Rx,

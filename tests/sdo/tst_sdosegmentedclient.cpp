@@ -3,6 +3,7 @@
 #include "qtwarningtrap.h"
 #include "recordingcanadapter.h"
 #include "scriptedresponder.h"
+#include "scriptedsdoserver.h"
 #include "sdosegmentedclient.h"
 
 #include <QSignalSpy>
@@ -12,52 +13,6 @@
 namespace {
 constexpr quint32 Rx = 0x585;
 constexpr quint32 Tx = 0x605;
-
-// A device's segmented SDO server for one entry, used as a responder script:
-// uploads return `content`, downloads are collected in `received`.
-struct SegmentedServer {
-    QByteArray content;
-    bool indicateSize = true;
-    QByteArray received;
-    int position = 0;
-
-    QByteArray answer(const CAN::CanMessage& m)
-    {
-        const quint8 command = m.data[0];
-        const QByteArray entry(reinterpret_cast<const char*>(m.data + 1), 3);
-        QByteArray a(8, '\0');
-        if (command == 0x40) { // initiate upload
-            position = 0;
-            a[0] = char(indicateSize ? 0x41 : 0x40);
-            a.replace(1, 3, entry);
-            const quint32 n = indicateSize ? quint32(content.size()) : 0;
-            for (int i = 0; i < 4; ++i)
-                a[4 + i] = char(n >> (8 * i));
-            return a;
-        }
-        if ((command & 0xEF) == 0x60) { // upload segment request
-            const int n = qMin(7, content.size() - position);
-            const bool last = position + n >= content.size();
-            a[0] = char((command & 0x10) | ((7 - n) << 1) | (last ? 1 : 0));
-            std::memcpy(a.data() + 1, content.constData() + position, size_t(n));
-            position += n;
-            return a;
-        }
-        if (command == 0x21) { // initiate download with size
-            received.clear();
-            a[0] = 0x60;
-            a.replace(1, 3, entry);
-            return a;
-        }
-        if ((command & 0xE0) == 0x00) { // download segment
-            const int n = 7 - ((command >> 1) & 0x07);
-            received.append(reinterpret_cast<const char*>(m.data + 1), n);
-            a[0] = char(0x20 | (command & 0x10));
-            return a;
-        }
-        return QByteArray(); // aborts and anything else: no answer
-    }
-};
 
 QByteArray counting(int n)
 {
@@ -155,7 +110,7 @@ private Q_SLOTS:
         QFETCH(QList<int>, percent);
         for (QByteArray& f : frames)
             f.replace(' ', "");
-        SegmentedServer server;
+        ScriptedSdoServer server;
         ScriptedResponder responder(adapter, Rx, [&](const CAN::CanMessage& m) { return server.answer(m); });
         QCOMPARE(engine->write(0x2100, 0x0A, value), CAN::Ok);
         QVERIFY(engine->isBusy());
@@ -224,7 +179,7 @@ private Q_SLOTS:
 
     void longTransfersBothWays()
     {
-        SegmentedServer server;
+        ScriptedSdoServer server;
         server.content = counting(1000);
         ScriptedResponder responder(adapter, Rx, [&](const CAN::CanMessage& m) { return server.answer(m); });
         QCOMPARE(engine->read(0x2100, 1), CAN::Ok);
@@ -283,11 +238,11 @@ private Q_SLOTS:
     {
         QFETCH(bool, upload);
         QFETCH(int, answersBefore);
-        SegmentedServer server;
+        ScriptedSdoServer server;
         server.content = counting(40);
         int answered = 0;
         ScriptedResponder responder(adapter, Rx, [&](const CAN::CanMessage& m) {
-            return answered++ < answersBefore ? server.answer(m) : QByteArray();
+            return answered++ < answersBefore ? server.answer(m) : QList<QByteArray>();
         });
         QCOMPARE(upload ? engine->read(0x2100, 1) : engine->write(0x2100, 1, counting(40)), CAN::Ok);
         QVERIFY(responder.serveUntil([&] { return answered == answersBefore + 1; }));
@@ -318,11 +273,11 @@ private Q_SLOTS:
     {
         QFETCH(bool, upload);
         QFETCH(int, answersBefore);
-        SegmentedServer server;
+        ScriptedSdoServer server;
         server.content = counting(40);
         int answered = 0;
         ScriptedResponder responder(adapter, Rx, [&](const CAN::CanMessage& m) {
-            return answered++ < answersBefore ? server.answer(m) : QByteArray();
+            return answered++ < answersBefore ? server.answer(m) : QList<QByteArray>();
         });
         QCOMPARE(engine->setSdoTimeout(60), CAN::Ok);
         QCOMPARE(upload ? engine->read(0x2100, 1) : engine->write(0x2100, 1, counting(40)), CAN::Ok);
@@ -343,11 +298,11 @@ private Q_SLOTS:
         // Each answer restarts the time-out: a slow but steady server is served
         // although the whole transfer takes longer than the time-out.
         QCOMPARE(engine->setSdoTimeout(400), CAN::Ok);
-        SegmentedServer server;
+        ScriptedSdoServer server;
         QCOMPARE(engine->write(0x2100, 1, counting(28)), CAN::Ok);
         for (int i = 0; i < 5 && !ended(); ++i) {
             QTest::qWait(100);
-            const QByteArray a = server.answer(adapter->lastWritten());
+            const QByteArray a = server.answer(adapter->lastWritten()).value(0);
             CAN::CanRxMessage rx;
             rx.message.id = Rx;
             rx.message.length = 8;
@@ -441,7 +396,7 @@ private Q_SLOTS:
 
     void transfersAnsweredFromAnotherThread()
     {
-        SegmentedServer server;
+        ScriptedSdoServer server;
         server.content = counting(300);
         ScriptedResponder responder(adapter, Rx, [&](const CAN::CanMessage& m) { return server.answer(m); });
         responder.start();
