@@ -227,7 +227,8 @@ void SDOBlockClient::writeSegmentLocked(quint32 ticket)
     const bool last = offset >= size;
     const CAN::RetType r = sendLocked(segmentFrame(serverCobId, seqNo, last, bytes));
     if (r == CAN::TxQueueFull) {
-        // The driver's queue is full: take the bytes back and try again later.
+        // The driver's queue is full: take the bytes back and try again later
+        // (the last segment too, so that a full queue never costs the transfer).
         offset -= 7;
         scheduleSegment(ticket, TxQueueRetryMs);
         return;

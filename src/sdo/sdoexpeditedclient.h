@@ -9,8 +9,9 @@
 //   lives in; so do its QTimer and every signal it emits.
 // - Answers arrive by a direct connection from the dispatcher, that is in the
 //   adapter's receive thread. They are handled there, under the engine's lock,
-//   and the next request of a segmented or block upload goes out from there
-//   at once: a segment costs no thread hop at all.
+//   and the next segment or segment request of a segmented transfer, and the
+//   start, confirmation and end frames of a block upload, go out from there at
+//   once.
 // - All transfer state is guarded by one lock (Core::lock). Frames are written
 //   while it is held, so that the wire sees them in state-machine order.
 // - The time-out is a deadline: every frame sent or accepted moves the "last
@@ -27,9 +28,12 @@
 // Wake-ups: an expedited read from the caller's thread costs one wake-up of
 // the adapter's thread to send (if it sleeps) and one of the engine's thread
 // for the result. A segment of a segmented transfer or of a block upload
-// costs none beyond the adapter's own reception (progress notices ride along
-// on one queued delivery). A block download segment is paced by one queued
-// call in the engine's thread.
+// costs no hop: it is answered in the receive thread, whose adapter is awake
+// and takes the frame without being woken. Only a changed progress value is
+// handed to the engine's thread, by a queued call of which at most one is
+// pending at a time (segments arriving meanwhile share it). A block
+// download costs one queued call per segment (the pacing) and one wake-up of
+// the engine's thread per block (the server's confirmation).
 //
 // Lifetime: the receive path holds the lock and a shared core, not the engine;
 // each engine's destructor first detaches the engine from its core, so that a

@@ -103,7 +103,7 @@ CAN::RetType SDOSegmentedClient::write(quint16 idx, quint8 sub, QByteArray value
         index = idx;
         subIndex = sub;
         segmentCount = 0;
-        inFlight = 0;
+        inFlight = 0; // unanswered segments of an earlier, aborted transfer do not count
         if (sendLocked(initiateDownloadFrame(serverCobId, idx, sub, size)) != CAN::Ok) {
             setTransferOptionLocked(false);
             return CAN::Error;
