@@ -1,2 +1,2 @@
-set(SUBDIR_SOURCES)
-set(SUBDIR_HEADERS)
+set(SUBDIR_SOURCES sdoexpeditedclient.cpp sdosegmentedclient.cpp sdoblockclient.cpp)
+set(SUBDIR_HEADERS sdoexpeditedclient.h sdosegmentedclient.h sdoblockclient.h)

@@ -1,5 +1,6 @@
 #include "recordingcanadapter.h"
 
+#include <cstring>
 #include <mutex>
 
 RecordingCanAdapter::RecordingCanAdapter(QObject* parent)
@@ -32,8 +33,27 @@ CAN::RetType RecordingCanAdapter::setEcho(bool echo)
 
 bool RecordingCanAdapter::setCanAdapterOption(AbstractCanAdapter::AdapterOption option, const QVariant& value)
 {
-    setOptionAnswer(option, value);
+    std::lock_guard<CanMutex> guard(mLock);
+    mOptions.insert(int(option), value);
+    mOptionHistory.append(qMakePair(int(option), value));
     return true;
+}
+
+QVariantList RecordingCanAdapter::optionHistory(AbstractCanAdapter::AdapterOption option) const
+{
+    std::lock_guard<CanMutex> guard(mLock);
+    QVariantList values;
+    for (const auto& entry : mOptionHistory) {
+        if (entry.first == int(option))
+            values.append(entry.second);
+    }
+    return values;
+}
+
+void RecordingCanAdapter::clearOptionHistory()
+{
+    std::lock_guard<CanMutex> guard(mLock);
+    mOptionHistory.clear();
 }
 
 void RecordingCanAdapter::setOptionAnswer(AbstractCanAdapter::AdapterOption option, const QVariant& value)
@@ -83,8 +103,10 @@ CAN::RetType RecordingCanAdapter::write(CAN::CanMessage* pMessage)
 
 QVector<CAN::CanMessage> RecordingCanAdapter::written() const
 {
+    // A deep copy: an implicitly shared one would be released outside the
+    // lock while writer threads append.
     std::lock_guard<CanMutex> guard(mLock);
-    return mWritten;
+    return QVector<CAN::CanMessage>(mWritten.cbegin(), mWritten.cend());
 }
 
 int RecordingCanAdapter::writtenCount() const
@@ -115,7 +137,10 @@ void RecordingCanAdapter::failWrites(CAN::RetType result)
 QStringList RecordingCanAdapter::requests() const
 {
     std::lock_guard<CanMutex> guard(mLock);
-    return mRequests;
+    QStringList copy; // deep, for the same reason as written()
+    for (const QString& line : mRequests)
+        copy.append(QString(line.constData(), line.size()));
+    return copy;
 }
 
 void RecordingCanAdapter::inject(const CAN::CanRxMessage& frame)
@@ -127,6 +152,43 @@ void RecordingCanAdapter::inject(const CAN::CanRxMessage& frame)
 void RecordingCanAdapter::inject(quint32 id, std::initializer_list<quint8> data, CAN::CanTimeStamp stamp)
 {
     inject(makeRxFrame(id, data, stamp));
+}
+
+void RecordingCanAdapter::injectHex(quint32 id, const char* hex)
+{
+    inject(makeRxFrameHex(id, hex));
+}
+
+QList<QByteArray> RecordingCanAdapter::writtenHex() const
+{
+    // Built under the lock from the frames themselves: no container is
+    // shared with the writing threads.
+    std::lock_guard<CanMutex> guard(mLock);
+    QList<QByteArray> list;
+    for (const CAN::CanMessage& m : mWritten)
+        list.append(frameHex(m));
+    return list;
+}
+
+CAN::CanMessage RecordingCanAdapter::writtenAt(int i) const
+{
+    std::lock_guard<CanMutex> guard(mLock);
+    return (i >= 0 && i < mWritten.size()) ? mWritten.at(i) : CAN::CanMessage();
+}
+
+QByteArray frameHex(const CAN::CanMessage& frame)
+{
+    return QByteArray::number(frame.id, 16) + ':' + frameData(frame).toHex();
+}
+
+CAN::CanRxMessage makeRxFrameHex(quint32 id, const char* hex)
+{
+    const QByteArray bytes = QByteArray::fromHex(QByteArray(hex).replace(' ', ""));
+    CAN::CanRxMessage rx;
+    rx.message.id = id;
+    rx.message.length = quint8(qMin(bytes.size(), 64));
+    std::memcpy(rx.message.data, bytes.constData(), rx.message.length);
+    return rx;
 }
 
 CAN::CanMessage makeFrame(quint32 id, std::initializer_list<quint8> data)

@@ -5,6 +5,8 @@
 #include "canmutex.h"
 
 #include <QHash>
+#include <QPair>
+#include <QVariant>
 #include <QStringList>
 #include <QVector>
 #include <initializer_list>
@@ -36,6 +38,9 @@ public:
     QVector<CAN::CanMessage> written() const;
     int writtenCount() const;
     CAN::CanMessage lastWritten() const;
+    // Frame number i (a default frame when there is none): plain data, safe
+    // to take while other threads write.
+    CAN::CanMessage writtenAt(int i) const;
     void clearWritten();
     // Every later write answers `result` (Ok to write normally again).
     void failWrites(CAN::RetType result);
@@ -43,10 +48,18 @@ public:
     QStringList requests() const;
     // Option values answered instead of the base's defaults (35 makes a gateway).
     void setOptionAnswer(AbstractCanAdapter::AdapterOption option, const QVariant& value);
+    // Every value given to setCanAdapterOption for `option`, in call order
+    // (from any thread), and forgetting them.
+    QVariantList optionHistory(AbstractCanAdapter::AdapterOption option) const;
+    void clearOptionHistory();
 
     // Emit a received frame as an adapter's receive loop would, in the calling thread.
     void inject(const CAN::CanRxMessage& frame);
     void inject(quint32 id, std::initializer_list<quint8> data, CAN::CanTimeStamp stamp = {});
+    // Inject a frame given as hex digits ("60 00 20 01"; spaces ignored).
+    void injectHex(quint32 id, const char* hex);
+    // The frames written so far as frameHex() strings.
+    QList<QByteArray> writtenHex() const;
 
 public Q_SLOTS:
     CAN::RetType write(CAN::CanMessage* pMessage) override;
@@ -57,6 +70,7 @@ private:
     QStringList mRequests;
     CAN::RetType mWriteResult = CAN::Ok;
     QHash<int, QVariant> mOptions;
+    QVector<QPair<int, QVariant>> mOptionHistory;
     qint16 mSequence = 0;
     bool mEcho = false;
 };
@@ -65,5 +79,9 @@ private:
 CAN::CanMessage makeFrame(quint32 id, std::initializer_list<quint8> data);
 CAN::CanRxMessage makeRxFrame(quint32 id, std::initializer_list<quint8> data, CAN::CanTimeStamp stamp = {});
 QByteArray frameData(const CAN::CanMessage& frame);
+// "605:4018100200000000": identifier and data bytes in hex, for comparisons
+// that show both in a failure message.
+QByteArray frameHex(const CAN::CanMessage& frame);
+CAN::CanRxMessage makeRxFrameHex(quint32 id, const char* hex);
 
 #endif

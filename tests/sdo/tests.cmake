@@ -1,0 +1,4 @@
+canopen_add_test(sdo tst_sdoexpeditedclient)
+canopen_add_test(sdo tst_sdosegmentedclient)
+canopen_add_test(sdo tst_sdoblockclient)
+canopen_add_test(sdo tst_sdoenginesvirtualbus)
