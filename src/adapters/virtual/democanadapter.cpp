@@ -237,7 +237,8 @@ void DemoCanAdapter::readPendingDatagrams()
 
 void DemoCanAdapter::run()
 {
-    mRunning.store(true);
+    // The running flag was set by open() before the thread started: setting
+    // it here again would undo a close() that came before this line.
     mBusAddress = QHostAddress(QStringLiteral("127.255.255.255"));
     mActivePort = mPort.load();
     mTxSocket = new QUdpSocket();
@@ -279,6 +280,11 @@ void DemoCanAdapter::run()
         }
         mSleeping.store(false);
     }
+    // Frames written before close() still leave: a caller that writes and
+    // closes at once (a command-line tool, for example) loses none of them.
+    while (transmitStep()) {
+    }
+    readPendingDatagrams();
     // Each start creates fresh sockets, so free these ones now.
     delete mTxSocket;
     delete mRxSocket;
