@@ -1,0 +1,1 @@
+canopen_add_test(core tst_canschedulerindex)
