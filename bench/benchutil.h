@@ -5,9 +5,12 @@
 // uniform output. Benchmarks print figures; they never fail on them.
 
 #include <QByteArray>
+#include <QDir>
 #include <QFile>
+#include <QMap>
 #include <QString>
 #include <QUdpSocket>
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
@@ -27,6 +30,34 @@ inline double processCpuSeconds()
     rusage u{};
     getrusage(RUSAGE_SELF, &u);
     return double(u.ru_utime.tv_sec + u.ru_stime.tv_sec) + double(u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
+}
+
+// CPU time (user + system, seconds) of each thread of this process, by
+// thread id, with the thread's name (Qt names threads after their class).
+struct ThreadCpu {
+    QString name;
+    double seconds = 0;
+};
+inline QMap<int, ThreadCpu> threadCpu()
+{
+    QMap<int, ThreadCpu> result;
+    const double tick = double(sysconf(_SC_CLK_TCK));
+    const QStringList tids = QDir(QStringLiteral("/proc/self/task")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+    for (const QString& tid : tids) {
+        QFile f(QStringLiteral("/proc/self/task/%1/stat").arg(tid));
+        if (!f.open(QIODevice::ReadOnly))
+            continue;
+        const QByteArray stat = f.readAll();
+        const int open = stat.indexOf('('), close = stat.lastIndexOf(')');
+        const QList<QByteArray> fields = stat.mid(close + 2).split(' ');
+        if (open < 0 || close < 0 || fields.size() < 13)
+            continue;
+        ThreadCpu t;
+        t.name = QString::fromLatin1(stat.mid(open + 1, close - open - 1));
+        t.seconds = (fields[11].toDouble() + fields[12].toDouble()) / tick; // utime, stime
+        result.insert(tid.toInt(), t);
+    }
+    return result;
 }
 
 // A /proc/self/status field in kB (VmRSS, VmHWM, ...), -1 if not found.
