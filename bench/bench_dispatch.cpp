@@ -23,7 +23,9 @@ public Q_SLOTS:
     void onFrame(CAN::CanRxMessage message)
     {
         Q_UNUSED(message)
-        count.fetch_add(1, std::memory_order_relaxed);
+        // Release: the thread that sees the final count (acquire) may then
+        // reuse this object's memory (ThreadSanitizer cannot see QThread::wait).
+        count.fetch_add(1, std::memory_order_release);
     }
 };
 
@@ -102,7 +104,7 @@ double runQueued(int ids, quint64 frames)
         rx.message.id = idFor(Target::Cycle, ids, k);
         setup.scheduler.newRawCanMessage(&rx);
     }
-    while (counter.count.load() < frames)
+    while (counter.count.load(std::memory_order_acquire) < frames)
         std::this_thread::yield();
     const double t = Bench::seconds() - t0;
     worker.quit();
