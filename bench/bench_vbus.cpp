@@ -90,7 +90,7 @@ void reportThreadCpu(const char* label, const QMap<int, Bench::ThreadCpu>& befor
         const double used = it->seconds - before.value(it.key()).seconds;
         const double perFrame = used * 1e6 / double(frames);
         worst = qMax(worst, perFrame);
-        Bench::figure(QStringLiteral("%1: CPU of thread %2 per frame").arg(QLatin1String(label), it->name), perFrame, "us", 2);
+        Bench::figure(QStringLiteral("%1: CPU per frame, thread %2").arg(QLatin1String(label), it->name), perFrame, "us", 2);
     }
     if (worst > 0)
         Bench::figure(QStringLiteral("%1: rate the busiest thread allows on a free core").arg(QLatin1String(label)),
@@ -121,7 +121,7 @@ int receiveAsChild(quint64 frames)
     std::fflush(stdout);
     const auto cpuBefore = Bench::threadCpu();
     waitForFrames([&r]() { return r.received.load(); }, frames, 2000);
-    reportThreadCpu("two processes, receiver", cpuBefore, frames);
+    reportThreadCpu("two processes", cpuBefore, frames);
     b.close();
     std::printf("%llu %llu %.9f\n", static_cast<unsigned long long>(r.received.load()),
                 static_cast<unsigned long long>(r.reordered.load()), r.last.load() - r.first.load());
@@ -196,11 +196,12 @@ int main(int argc, char** argv)
         writeFrames(a, frames);
         const double sendSeconds = Bench::seconds() - t0;
         child.waitForFinished(120000);
-        reportThreadCpu("two processes, sender", cpuBefore, frames);
+        reportThreadCpu("two processes", cpuBefore, frames);
         a.close();
         out += child.readAllStandardOutput();
         // After "ready": the child's own figure lines, then "received reordered seconds".
-        const QList<QByteArray> lines = out.mid(out.indexOf("ready\n") + 6).trimmed().split('\n');
+        QList<QByteArray> lines = out.mid(out.indexOf("ready\n") + 6).split('\n');
+        lines.removeAll(QByteArray());
         for (int i = 0; i + 1 < lines.size(); ++i)
             std::printf("%s\n", lines[i].constData());
         const QList<QByteArray> fields = lines.last().split(' ');

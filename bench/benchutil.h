@@ -91,7 +91,7 @@ inline void heading(const char* text)
 // One figure per line: "  label ............ value unit".
 inline void figure(const QString& label, double value, const char* unit, int decimals = 0)
 {
-    std::printf("  %-52s %14.*f %s\n", qPrintable(label), decimals, value, unit);
+    std::printf("  %-62s %12.*f %s\n", qPrintable(label), decimals, value, unit);
     std::fflush(stdout);
 }
 

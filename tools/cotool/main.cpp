@@ -77,8 +77,9 @@ int main(int argc, char** argv)
     if (!first.parse(args))
         return usageError(first.errorText());
     const QStringList rest = first.positionalArguments();
+    const bool helpAll = first.isSet(QStringLiteral("help-all"));
     if (rest.isEmpty()) {
-        if (first.isSet(helpOption)) {
+        if (first.isSet(helpOption) || helpAll) {
             print(stdout, globalHelp(first, commands));
             return Command::Success;
         }
@@ -109,11 +110,11 @@ int main(int argc, char** argv)
     QCommandLineParser parser;
     parser.setApplicationDescription(command->summary());
     parser.addHelpOption();
-    common.addTo(parser);
+    common.addTo(parser, command->acceptsGateway());
     command->addOptions(parser);
     if (!parser.parse(commandArgs))
         return usageError(QStringLiteral("%1: %2").arg(name, parser.errorText()));
-    if (helpRequested || parser.isSet(helpOption)) {
+    if (helpRequested || parser.isSet(helpOption) || parser.isSet(QStringLiteral("help-all"))) {
         print(stdout, helpText(parser, QStringLiteral("cotool %1 [options]%2").arg(name,
             parser.helpText().section(QLatin1Char('\n'), 0, 0).section(QStringLiteral("[options]"), 1))));
         return Command::Success;

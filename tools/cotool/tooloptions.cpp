@@ -24,9 +24,13 @@ ToolOptions::ToolOptions()
 {
 }
 
-void ToolOptions::addTo(QCommandLineParser& parser) const
+void ToolOptions::addTo(QCommandLineParser& parser, bool listGateway) const
 {
-    parser.addOptions({mAdapterOption, mInterfaceOption, mBitrateOption, mPortOption, mGatewayOption});
+    parser.addOptions({mAdapterOption, mInterfaceOption, mBitrateOption, mPortOption});
+    QCommandLineOption gateway = mGatewayOption;
+    if (!listGateway)
+        gateway.setFlags(QCommandLineOption::HiddenFromHelp);
+    parser.addOption(gateway);
 }
 
 bool ToolOptions::read(const QCommandLineParser& parser, QString* error)

@@ -19,7 +19,9 @@ public:
 
     ToolOptions();
 
-    void addTo(QCommandLineParser& parser) const;
+    // Adds the common options; --gateway is listed in the help only for
+    // commands that accept it (others still recognise it, to refuse it clearly).
+    void addTo(QCommandLineParser& parser, bool listGateway = true) const;
     // Reads and checks the parsed values; false with *error on a bad one.
     bool read(const QCommandLineParser& parser, QString* error);
 
