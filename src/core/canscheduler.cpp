@@ -40,6 +40,7 @@ CanSender* CanScheduler::registerCanId(quint32 id)
     std::lock_guard<CanMutex> guard(mLock);
     mReceivers.insert(sender);
     mIdentifiers.append(id);
+    mByIdStale = true;
     return sender;
 }
 
@@ -48,8 +49,8 @@ void CanScheduler::unregisterCan(CanSender* sender)
     bool deleteNow = true;
     {
         std::lock_guard<CanMutex> guard(mLock);
-        if (!mReceivers.isEmpty())
-            mReceivers.remove(sender);
+        if (!mReceivers.isEmpty() && mReceivers.remove(sender))
+            mByIdStale = true;
         if (sender) {
             sender->mRetired.store(true, std::memory_order_release);
             // A walk running now may hold the sender in its snapshot: the
@@ -80,11 +81,16 @@ void CanScheduler::newRawCanMessage(CAN::CanRxMessage* pMessage)
     // Snapshot of the receivers for this identifier, in set order, taken
     // under the lock. (A copy of just these pointers rather than an implicitly
     // shared copy of the whole set: no container is shared across threads.)
-    QVarLengthArray<CanSender*, 16> snapshot;
-    for (CanSender* sender : qAsConst(mReceivers)) {
-        if (sender->mId == id)
-            snapshot.append(sender);
+    if (mByIdStale) {
+        mById.clear();
+        for (CanSender* sender : qAsConst(mReceivers))
+            mById[sender->mId].push_back(sender);
+        mByIdStale = false;
     }
+    QVarLengthArray<CanSender*, 16> snapshot;
+    const auto group = mById.find(id);
+    if (group != mById.end())
+        snapshot.append(group->second.data(), int(group->second.size()));
     mActiveWalks.fetch_add(1, std::memory_order_acq_rel);
     mLock.unlock();
 

@@ -9,6 +9,8 @@
 #include <QSet>
 #include <QVector>
 #include <atomic>
+#include <unordered_map>
+#include <vector>
 
 class AbstractCanAdapter;
 class CanSender;
@@ -37,6 +39,12 @@ private:
     QSet<CanSender*> mReceivers;   // owned, guarded by mLock
     CanMutex mLock;
     QVector<quint32> mIdentifiers; // one entry per registration, never shrinks
+    // The receivers grouped by identifier, each group in the set's order:
+    // dispatch looks up one group instead of walking every receiver. Rebuilt
+    // from mReceivers by the first dispatch after a registration change
+    // (guarded by mLock).
+    std::unordered_map<quint32, std::vector<CanSender*>> mById;
+    bool mByIdStale = true;
     // Senders unregistered while a dispatch walk may still hold them in its
     // snapshot are deleted once the last such walk has ended (guarded by mLock).
     std::atomic<int> mActiveWalks{0};

@@ -45,3 +45,23 @@ void FrameCollector::clear()
     std::lock_guard<CanMutex> guard(mLock);
     mFrames.clear();
 }
+
+QVector<CAN::CanRxMessage> FrameCollector::frames(quint32 id) const
+{
+    QVector<CAN::CanRxMessage> result;
+    std::lock_guard<CanMutex> guard(mLock);
+    for (const CAN::CanRxMessage& f : mFrames) {
+        if (f.message.id == id)
+            result.append(f);
+    }
+    return result;
+}
+
+int FrameCollector::count(quint32 id) const
+{
+    std::lock_guard<CanMutex> guard(mLock);
+    int n = 0;
+    for (const CAN::CanRxMessage& f : mFrames)
+        n += f.message.id == id ? 1 : 0;
+    return n;
+}

@@ -17,7 +17,10 @@ public:
     explicit FrameCollector(AbstractCanAdapter* adapter, QObject* parent = nullptr);
 
     QVector<CAN::CanRxMessage> frames() const;
+    // Frames with this identifier only, in arrival order.
+    QVector<CAN::CanRxMessage> frames(quint32 id) const;
     int count() const;
+    int count(quint32 id) const;
     // The first frame with this identifier, and whether there is one.
     bool find(quint32 id, CAN::CanRxMessage* out = nullptr) const;
     void clear();

@@ -5,6 +5,7 @@
 #include "objectdictionary.h"
 #include "sdoserver.h"
 #include "simconsole.h"
+#include "signalwatcher.h"
 #include "simdevice.h"
 #include "simemcyproducer.h"
 #include "simnmtslave.h"
@@ -13,7 +14,7 @@
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QTextStream>
-#include <csignal>
+#include <QTimer>
 
 int main(int argc, char** argv)
 {
@@ -50,6 +51,9 @@ int main(int argc, char** argv)
     QCommandLineOption sdoTimeoutOpt(QStringLiteral("sdo-timeout"), QStringLiteral("Abort a stalled SDO transfer after this many ms, 0 for never (default 3000)."), QStringLiteral("ms"), QString::number(SdoServer::DefaultTimeoutMs));
     QCommandLineOption sdoNoCrcOpt(QStringLiteral("sdo-no-crc"), QStringLiteral("Do not announce CRC support in SDO block transfers."));
     parser.addOptions({listOdOpt, noSdoOpt, sdoBlockOpt, sdoTimeoutOpt, sdoNoCrcOpt});
+    QCommandLineOption delayOpt(QStringLiteral("delay"), QStringLiteral("Wait this long before booting, in ms (default 0)."), QStringLiteral("ms"), QStringLiteral("0"));
+    QCommandLineOption quietOpt({QStringLiteral("q"), QStringLiteral("quiet")}, QStringLiteral("Print nothing except errors."));
+    parser.addOptions({delayOpt, quietOpt});
     parser.process(app);
 
     QTextStream err(stderr);
@@ -83,15 +87,26 @@ int main(int argc, char** argv)
                             << od.listing();
         return 0;
     }
+    const uint delay = parser.value(delayOpt).toUInt(&ok);
+    if (!ok || delay > 3600000) {
+        err << "cosim: delay must be 0..3600000 ms, got '" << parser.value(delayOpt) << "'\n";
+        return 2;
+    }
+    const bool quiet = parser.isSet(quietOpt);
     DemoCanAdapter adapter(QStringLiteral("Talvik Virtual"));
     if (parser.isSet(portOpt) && !adapter.setCanAdapterOption(AbstractCanAdapter::VirtualBusPort, parser.value(portOpt))) {
         err << "cosim: bad port '" << parser.value(portOpt) << "'\n";
         return 2;
     }
 
+    // SIGINT/SIGTERM end the event loop through a self-pipe (quitting from
+    // inside a signal handler is not async-signal-safe).
+    SignalWatcher* watcher = SignalWatcher::quitOnTermination(&app);
+    int stopSignal = 0;
+    QObject::connect(watcher, &SignalWatcher::signalReceived, [&stopSignal](int s) { stopSignal = s; });
+
     ObjectDictionary od; // outlives the device and its SDO server
     SimDevice device(quint8(node), &adapter);
-    device.setHeartbeatTime(quint16(hb));
     od.addDefaultEntries(device.nodeId(), &device);
     SdoServer* sdo = nullptr; // a child of the device
     if (!parser.isSet(noSdoOpt)) {
@@ -106,15 +121,27 @@ int main(int argc, char** argv)
     SimConsole console(&device, &nmt, &emcy, &tpdo);
     QObject::connect(&console, &SimConsole::quitRequested, &app, &QCoreApplication::quit, Qt::QueuedConnection);
     adapter.open();
-    device.start();
-    if (parser.isSet(operationalOpt))
-        nmt.execute(SimNmtSlave::Start);
+    if (!quiet)
+        err << "cosim: node " << node << " on the virtual bus, UDP port " << adapter.busPort()
+            << ", heartbeat " << hb << " ms" << (delay ? QStringLiteral(", boot-up in %1 ms").arg(delay) : QString())
+            << Qt::endl;
+    // The heartbeat time is set only now: set earlier, the producer would
+    // already send (state 00) while the boot-up is still delayed.
+    const bool operational = parser.isSet(operationalOpt);
+    QTimer::singleShot(int(delay), &device, [&device, &nmt, hb, quiet, operational, &err]() {
+        device.setHeartbeatTime(quint16(hb));
+        device.start();
+        if (operational)
+            nmt.execute(SimNmtSlave::Start);
+        if (!quiet)
+            err << "cosim: boot-up sent, now " << (operational ? "operational" : "pre-operational") << Qt::endl;
+    });
     if (!parser.isSet(noConsoleOpt))
         console.attachStdin();
 
-    std::signal(SIGINT, [](int) { QCoreApplication::quit(); });
-    std::signal(SIGTERM, [](int) { QCoreApplication::quit(); });
     const int rc = app.exec();
     adapter.close();
+    if (!quiet)
+        err << "cosim: stopped" << (stopSignal ? QStringLiteral(" by signal %1").arg(stopSignal) : QString()) << Qt::endl;
     return rc;
 }

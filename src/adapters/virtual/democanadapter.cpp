@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <linux/filter.h>
 #include <mutex>
 #include <netinet/in.h>
 #include <poll.h>
@@ -16,6 +17,24 @@
 namespace {
 constexpr int DatagramSize = int(sizeof(CAN::CanMessage)); // 76
 constexpr int IdleWaitMs = 100; // upper bound of one idle wait; close() wakes the loop at once
+
+// Drops, inside the kernel, the datagrams this instance broadcast itself
+// (UDP source port == our transmit port) before they are queued on our
+// receive socket: no wake-up and no read for our own frames. A UDP socket
+// filter sees the datagram from its UDP header on (offset 0: source port).
+// The receive step still checks the port, so nothing changes if the filter
+// cannot be attached.
+void dropOwnDatagrams(int rxFd, quint16 txPort)
+{
+    sock_filter code[] = {
+        BPF_STMT(BPF_LD | BPF_H | BPF_ABS, 0),             // UDP source port
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, txPort, 0, 1), // ours?
+        BPF_STMT(BPF_RET | BPF_K, 0),                      // drop
+        BPF_STMT(BPF_RET | BPF_K, 0xFFFFFFFFu),            // keep all of it
+    };
+    sock_fprog program = {static_cast<unsigned short>(sizeof code / sizeof code[0]), code};
+    setsockopt(rxFd, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program);
+}
 
 quint16 portFromEnvironment()
 {
@@ -238,7 +257,7 @@ void DemoCanAdapter::readPendingDatagrams()
 void DemoCanAdapter::run()
 {
     // The running flag was set by open() before the thread started: setting
-    // it here again would undo a close() that came before the thread ran.
+    // it here again would undo a close() that came before this line.
     mBusAddress = QHostAddress(QStringLiteral("127.255.255.255"));
     mActivePort = mPort.load();
     mTxSocket = new QUdpSocket();
@@ -256,6 +275,8 @@ void DemoCanAdapter::run()
     // looped-back datagrams apart, is known before the first frame goes out.
     mTxSocket->bind(QHostAddress(QHostAddress::AnyIPv4), quint16(0));
     mTxLocalPort = mTxSocket->localPort();
+    if (rxFd >= 0 && mTxLocalPort != 0)
+        dropOwnDatagrams(rxFd, mTxLocalPort);
 
     pollfd fds[2] = {{rxFd, POLLIN, 0}, {mWakeFd, POLLIN, 0}};
     while (mRunning.load()) {
@@ -280,6 +301,11 @@ void DemoCanAdapter::run()
         }
         mSleeping.store(false);
     }
+    // Frames written before close() still leave: a caller that writes and
+    // closes at once (a command-line tool, for example) loses none of them.
+    while (transmitStep()) {
+    }
+    readPendingDatagrams();
     // Each start creates fresh sockets, so free these ones now.
     delete mTxSocket;
     delete mRxSocket;

@@ -274,6 +274,45 @@ private Q_SLOTS:
         }
     }
 
+    // close() right after open() must neither hang (the starting loop must not
+    // undo the close) nor drop what was written before it: every frame queued
+    // before close() leaves, in order.
+    void framesWrittenJustBeforeCloseAllLeave_data()
+    {
+        QTest::addColumn<int>("rounds");
+        QTest::addColumn<int>("framesPerRound");
+        QTest::newRow("open, write one, close; many times") << 100 << 1;
+        QTest::newRow("open, write 5, close") << 40 << 5;
+        QTest::newRow("burst of 3000, close at once") << 1 << 3000;
+    }
+    void framesWrittenJustBeforeCloseAllLeave()
+    {
+        QFETCH(int, rounds);
+        QFETCH(int, framesPerRound);
+        DemoCanAdapter b(QStringLiteral("v"));
+        FrameSink sinkB(&b);
+        b.open();
+        QTest::qWait(20);
+        int seq = 0;
+        for (int round = 0; round < rounds; ++round) {
+            DemoCanAdapter a(QStringLiteral("v"));
+            QSignalSpy state(&a, &AbstractCanAdapter::newCanState);
+            a.open();
+            for (int i = 0; i < framesPerRound; ++i, ++seq) {
+                CAN::CanMessage m = makeFrame(0x321, {quint8(seq), quint8(seq >> 8)});
+                QCOMPARE(a.write(&m), CAN::Ok);
+            }
+            a.close();
+            QVERIFY(!a.isRunning());
+            QCOMPARE(state.count(), 2);
+            QCOMPARE(state.at(1).at(0).value<CAN::CanState>(), CAN::Closed);
+        }
+        QTRY_COMPARE_WITH_TIMEOUT(sinkB.count(), seq, 5000);
+        const auto frames = sinkB.frames();
+        for (int i = 0; i < seq; ++i)
+            QCOMPARE(frames[i].message.data[0] | (frames[i].message.data[1] << 8), i);
+    }
+
     void closeIsPromptWhenIdle()
     {
         DemoCanAdapter a(QStringLiteral("v"));
