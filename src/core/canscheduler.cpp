@@ -26,7 +26,8 @@ void CanScheduler::connectToAdapter(bool connect)
     if (connect) {
         if (mAdapter)
             QObject::connect(mAdapter, &AbstractCanAdapter::newCanMessage, this,
-                             &CanScheduler::newRawCanMessage, Qt::DirectConnection);
+                             &CanScheduler::newRawCanMessage,
+                             Qt::ConnectionType(Qt::DirectConnection | Qt::UniqueConnection));
     } else {
         // Kept as it always was: this names the scheduler itself as sender,
         // so no connection from the adapter is removed and delivery goes on.

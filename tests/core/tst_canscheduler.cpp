@@ -176,6 +176,20 @@ private Q_SLOTS:
         scheduler.unregisterCan(s);
     }
 
+    // Connecting twice must not deliver every frame twice.
+    void connectingTwiceDeliversOnce()
+    {
+        RecordingCanAdapter adapter;
+        CanScheduler scheduler(&adapter);
+        scheduler.connectToAdapter(true);
+        scheduler.connectToAdapter(true);
+        CanSender* s = scheduler.registerCanId(0x181);
+        QSignalSpy spy(s, ReceivedFrame);
+        adapter.inject(sampleFrame(0x181, false));
+        QCOMPARE(spy.count(), 1);
+        scheduler.unregisterCan(s);
+    }
+
     // unregisterCan(nullptr) must leave the lock free: otherwise the next
     // frame would be dropped after the 2 ms wait and registration would hang.
     void unregisterNullLeavesEverythingAsItWas()

@@ -7,6 +7,7 @@ SimDevice::SimDevice(quint8 nodeId, AbstractCanAdapter* adapter, QObject* parent
     , mNodeId(nodeId)
     , mAdapter(adapter)
 {
+    mHeartbeatTimer.setTimerType(Qt::PreciseTimer); // a coarse timer drifts by up to 5 %
     connect(&mHeartbeatTimer, &QTimer::timeout, this, &SimDevice::sendHeartbeat);
     connect(this, &SimDevice::heartbeatTimeChanged, this, &SimDevice::applyHeartbeatTime, Qt::QueuedConnection);
     connect(adapter, &AbstractCanAdapter::newCanMessage, this, &SimDevice::onFrame, Qt::DirectConnection);
