@@ -31,6 +31,10 @@ public:
     void write(const QByteArray& input) { mProcess.write(input); }
     bool isRunning() const { return mProcess.state() != QProcess::NotRunning; }
     qint64 pid() const { return mProcess.processId(); }
+    // Waits (running the event loop) until the program has a UDP socket bound
+    // to this port, i.e. a virtual-bus adapter of it listens on that bus;
+    // false after timeoutMs. Linux only (reads /proc).
+    bool waitUntilBound(quint16 udpPort, int timeoutMs = 10000) const;
     // Waits for the end, running the event loop; the exit code, or -1 on a
     // crash or time-out (the program is killed then).
     int finish(int timeoutMs = 15000);

@@ -94,11 +94,13 @@ private:
             qWarning("cosim did not boot: %s", qPrintable(device->err()));
         return booted ? std::move(device) : nullptr;
     }
-    // A command that listens: started, then given time to open its adapter.
+    // A command that listens, once its adapter listens on the bus (it
+    // registers its receivers before it opens the adapter).
     std::unique_ptr<ToolProcess> startListener(const QStringList& args)
     {
         auto p = std::make_unique<ToolProcess>(kCotool, args);
-        QTest::qWait(300); // its receive socket is bound; no frame the test sends later is lost
+        if (!p->waitUntilBound(mPort))
+            qWarning("cotool %s did not bind port %u", qPrintable(args.join(' ')), mPort);
         return p;
     }
 
@@ -106,7 +108,7 @@ private Q_SLOTS:
     void initTestCase()
     {
         CanopenMaster master;
-        TestBus::usePrivatePort();
+        mPort = TestBus::usePrivatePort();
         mBus.reset(new DemoCanAdapter(QStringLiteral("v")));
         mCollector.reset(new FrameCollector(mBus.get()));
         QCOMPARE(mBus->open(), CAN::Ok);
@@ -260,7 +262,8 @@ private Q_SLOTS:
             QCOMPARE(mBus->write(&sync), CAN::Ok);
             QTRY_COMPARE_WITH_TIMEOUT(mCollector->count(0x185), i + 1, 3000);
         }
-        QCOMPARE(pdo->finish(), 0);
+        const int pdoExit = pdo->finish();
+        QVERIFY2(pdoExit == 0, qPrintable(pdo->err() + pdo->out()));
         QCOMPARE(events(pdo->outLines()), lines);
     }
 
@@ -422,6 +425,7 @@ private Q_SLOTS:
 private:
     std::unique_ptr<DemoCanAdapter> mBus;
     std::unique_ptr<FrameCollector> mCollector;
+    quint16 mPort = 0;
 };
 
 QTEST_MAIN(tst_CotoolNet)

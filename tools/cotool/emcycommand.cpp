@@ -43,7 +43,7 @@ int EmcyCommand::run(const QCommandLineParser& parser, const ToolOptions& option
         return usageError(error);
 
     ToolBus bus;
-    if (!bus.open(options, &error))
+    if (!bus.create(options, &error))
         return failure(error);
 
     QElapsedTimer clock;
@@ -63,6 +63,8 @@ int EmcyCommand::run(const QCommandLineParser& parser, const ToolOptions& option
         });
         consumers.push_back(std::move(consumer));
     }
+    if (!bus.open(options, &error))
+        return failure(error);
     if (::isatty(STDERR_FILENO))
         note(QStringLiteral("waiting for emergencies of %1 (Ctrl-C to stop)")
                  .arg(args.isEmpty() ? QStringLiteral("all nodes") : QStringLiteral("node(s) %1").arg(args.at(0))));

@@ -57,7 +57,7 @@ int MonitorCommand::run(const QCommandLineParser& parser, const ToolOptions& opt
         return usageError(error);
 
     ToolBus bus;
-    if (!bus.open(options, &error))
+    if (!bus.create(options, &error))
         return failure(error);
 
     QElapsedTimer clock;
@@ -84,6 +84,8 @@ int MonitorCommand::run(const QCommandLineParser& parser, const ToolOptions& opt
             slave->startNodeGuarding(quint16(guard), quint8(life ? life : 3));
         slaves.push_back(std::move(slave));
     }
+    if (!bus.open(options, &error))
+        return failure(error);
     if (::isatty(STDERR_FILENO))
         note(QStringLiteral("watching node%1 %2%3 (Ctrl-C to stop)")
              .arg(nodes.size() > 1 ? QStringLiteral("s") : QString(), args.at(0),

@@ -50,7 +50,7 @@ int PdoCommand::run(const QCommandLineParser& parser, const ToolOptions& options
         return usageError(error);
 
     ToolBus bus;
-    if (!bus.open(options, &error))
+    if (!bus.create(options, &error))
         return failure(error);
 
     QElapsedTimer clock;
@@ -72,6 +72,8 @@ int PdoCommand::run(const QCommandLineParser& parser, const ToolOptions& options
                     .arg(NetNotation::seconds(clock.elapsed()), id)
                     .arg(pdo.mappedLength()));
     });
+    if (!bus.open(options, &error))
+        return failure(error);
     if (::isatty(STDERR_FILENO))
         note(QStringLiteral("decoding COB-ID %1 (Ctrl-C to stop)").arg(cobId, 3, 16, QLatin1Char('0')));
     runEventLoop(duration);

@@ -8,16 +8,25 @@ ToolBus::ToolBus() = default;
 
 ToolBus::~ToolBus()
 {
-    if (mAdapter)
+    if (mOpen)
         mAdapter->close(); // a virtual adapter drains its queue first
     mScheduler.reset();
     mAdapter.reset();
 }
 
-bool ToolBus::open(const ToolOptions& options, QString* error)
+bool ToolBus::create(const ToolOptions& options, QString* error)
 {
     mAdapter.reset(options.createAdapter(error));
     if (!mAdapter)
+        return false;
+    mScheduler.reset(new CanScheduler(mAdapter.get()));
+    mScheduler->connectToAdapter(true);
+    return true;
+}
+
+bool ToolBus::open(const ToolOptions& options, QString* error)
+{
+    if (!mAdapter && !create(options, error))
         return false;
     const CAN::RetType opened = mAdapter->open();
     if (opened != CAN::Ok) {
@@ -25,11 +34,9 @@ bool ToolBus::open(const ToolOptions& options, QString* error)
                      ? QStringLiteral("could not connect to the gateway at %1:%2 (error %3)")
                            .arg(options.gatewayHost()).arg(options.gatewayPort()).arg(int(opened))
                      : QStringLiteral("could not open the adapter (error %1)").arg(int(opened));
-        mAdapter.reset();
         return false;
     }
-    mScheduler.reset(new CanScheduler(mAdapter.get()));
-    mScheduler->connectToAdapter(true);
+    mOpen = true;
     return true;
 }
 

@@ -17,8 +17,12 @@ public:
     ToolBus();
     ~ToolBus();
 
-    // Creates the adapter from the options, opens it and connects a
-    // scheduler; false with *error when that fails.
+    // Creates the adapter from the options and connects a scheduler to it,
+    // without opening it: services registered now see every frame from the
+    // moment the adapter listens. False with *error when there is no such
+    // adapter.
+    bool create(const ToolOptions& options, QString* error);
+    // Opens the adapter (creating it first if need be); false with *error.
     bool open(const ToolOptions& options, QString* error);
 
     AbstractCanAdapter* adapter() const { return mAdapter.get(); }
@@ -28,6 +32,7 @@ public:
 private:
     std::unique_ptr<AbstractCanAdapter> mAdapter;
     std::unique_ptr<CanScheduler> mScheduler;
+    bool mOpen = false;
 };
 
 #endif
