@@ -8,13 +8,15 @@ scripts/install-deps.sh
 
 log=$(mktemp)
 tmpdump=$(mktemp)
+console=$(mktemp -u)
 pids=()
 cleanup() {
   for pid in "${pids[@]}"; do
     kill "$pid" 2>/dev/null || true
   done
   wait 2>/dev/null || true
-  rm -f "$log" "$tmpdump"
+  exec 3>&- 2>/dev/null || true
+  rm -f "$log" "$tmpdump" "$console"
 }
 trap cleanup EXIT
 
@@ -33,23 +35,37 @@ port=$(python3 -c 'import socket; s = socket.socket(socket.AF_INET, socket.SOCK_
 node=5
 
 # The device boots 1.5 s after its start, so that the demo is listening by then.
-build/tools/simdevice/cosim --port "$port" --node "$node" --heartbeat 500 --delay 1500 --quiet &
+# Its stdin console is a named pipe that the demo writes commands to ("heartbeat
+# 0", "emcy ..."); this shell keeps the pipe open, so the device never sees its
+# end. The console's answers are not shown.
+mkfifo "$console"
+exec 3<>"$console"
+build/tools/simdevice/cosim --port "$port" --node "$node" --heartbeat 500 --delay 1500 --quiet \
+  <"$console" >/dev/null &
 pids+=($!)
 build/tools/cotool/cotool dump --port "$port" >"$tmpdump" &
 dump_pid=$!
 pids+=($dump_pid)
 
 status=0
-QT_LOGGING_RULES="*.debug=false" build/tools/demo/codemo --port "$port" --node "$node" || status=$?
+QT_LOGGING_RULES="*.debug=false" build/tools/demo/codemo --port "$port" --node "$node" \
+  --device-console "$console" || status=$?
 
 kill -INT "$dump_pid" 2>/dev/null || true
 wait "$dump_pid" 2>/dev/null || true
 echo
 echo "The same traffic as 'cotool dump --port $port' printed it (time stamp, CAN-ID, [length], data):"
-sed 's/^/  /' "$tmpdump"
+sed 's/^/  /' "$tmpdump" | head -n 30
+lines=$(wc -l <"$tmpdump")
+if [ "$lines" -gt 30 ]; then echo "  ... ($((lines - 30)) more lines)"; fi
 echo
 echo "Try it yourself, on the default bus (UDP port 45674), each in its own terminal:"
 echo "  build/tools/simdevice/cosim"
 echo "  build/tools/cotool/cotool dump"
 echo "  build/tools/cotool/cotool send 123#DEADBEEF 12345678#11.22 123##1000102030405060708090A0B"
+echo "  build/tools/cotool/cotool monitor 5 --heartbeat 1500"
+echo "  build/tools/cotool/cotool nmt start 5"
+echo "  build/tools/cotool/cotool sync --period 100ms"
+echo "  build/tools/cotool/cotool pdo 185 --map u16,i32"
+echo "  build/tools/cotool/cotool emcy      (then type 'emcy 8110 11' into cosim)"
 exit $status

@@ -1,11 +1,16 @@
 # Tests of the programs in tools/ and the code they share.
 canopen_add_test(tools tst_framenotation ${PROJECT_SOURCE_DIR}/tools/cotool/framenotation.cpp)
 target_include_directories(tst_framenotation PRIVATE ${PROJECT_SOURCE_DIR}/tools/cotool)
+canopen_add_test(tools tst_netnotation ${PROJECT_SOURCE_DIR}/tools/cotool/netnotation.cpp)
+target_include_directories(tst_netnotation PRIVATE ${PROJECT_SOURCE_DIR}/tools/cotool)
 if(CANOPEN_BUILD_TOOLS)
   # The programs themselves, run as child processes on a private virtual bus.
   canopen_add_test(tools tst_cotool)
   target_compile_definitions(tst_cotool PRIVATE COTOOL_PATH="$<TARGET_FILE:cotool>")
   add_dependencies(tst_cotool cotool)
+  canopen_add_test(tools tst_cotoolnet)
+  target_compile_definitions(tst_cotoolnet PRIVATE COTOOL_PATH="$<TARGET_FILE:cotool>" COSIM_PATH="$<TARGET_FILE:cosim>")
+  add_dependencies(tst_cotoolnet cotool cosim)
   canopen_add_test(tools tst_cosim)
   target_compile_definitions(tst_cosim PRIVATE COSIM_PATH="$<TARGET_FILE:cosim>")
   add_dependencies(tst_cosim cosim)

@@ -3,6 +3,7 @@
 
 #include <QString>
 
+class QCommandLineOption;
 class QCommandLineParser;
 class ToolOptions;
 
@@ -42,6 +43,15 @@ protected:
     int failure(const QString& message) const;
     // "cotool <name>: message" on stderr, nothing returned.
     void note(const QString& message) const;
+    // One line on stdout, flushed at once (output is often piped).
+    static void out(const QString& line);
+    // The value of an option that wants a number 1..max, or 0 when the
+    // option is not given; false with *error when it is not such a number.
+    static bool positiveOption(const QCommandLineParser& parser, const QCommandLineOption& option, qint64 max,
+                               qint64& value, QString* error);
+    // Runs the event loop until QCoreApplication::quit(), Ctrl-C, or (when
+    // not 0) durationMs have passed.
+    static void runEventLoop(qint64 durationMs);
 };
 
 #endif

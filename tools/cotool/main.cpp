@@ -5,7 +5,12 @@
 #include "canopenmasterclass.h"
 #include "command.h"
 #include "dumpcommand.h"
+#include "emcycommand.h"
+#include "monitorcommand.h"
+#include "nmtcommand.h"
+#include "pdocommand.h"
 #include "sendcommand.h"
+#include "synccommand.h"
 #include "signalwatcher.h"
 #include "tooloptions.h"
 
@@ -23,6 +28,11 @@ std::vector<std::unique_ptr<Command>> makeCommands()
     std::vector<std::unique_ptr<Command>> commands;
     commands.push_back(std::make_unique<DumpCommand>());
     commands.push_back(std::make_unique<SendCommand>());
+    commands.push_back(std::make_unique<NmtCommand>());
+    commands.push_back(std::make_unique<MonitorCommand>());
+    commands.push_back(std::make_unique<SyncCommand>());
+    commands.push_back(std::make_unique<EmcyCommand>());
+    commands.push_back(std::make_unique<PdoCommand>());
     return commands;
 }
 

@@ -9,6 +9,8 @@
 #include <QTimer>
 #include <atomic>
 #include <cstdio>
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace {
 std::atomic<bool> gInterrupted{false};
@@ -84,4 +86,20 @@ QString DemoContext::nmtStateName(quint8 state)
     case 0x7F: return QStringLiteral("pre-operational");
     default: return QStringLiteral("unknown state 0x%1").arg(state, 2, 16, QLatin1Char('0'));
     }
+}
+
+bool DemoContext::tellDevice(const QString& line) const
+{
+    // Opened per line: the pipe's reader (the device) is there all along,
+    // so a non-blocking open cannot fail for want of one.
+    const int fd = deviceConsole.isEmpty() ? -1 : ::open(deviceConsole.toLocal8Bit().constData(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) {
+        say(QStringLiteral("  (no console pipe to the device: start codemo with --device-console)"));
+        return false;
+    }
+    const QByteArray bytes = (line + QLatin1Char('\n')).toLocal8Bit();
+    const bool ok = ::write(fd, bytes.constData(), size_t(bytes.size())) == bytes.size();
+    ::close(fd);
+    say(QStringLiteral("    %1  device console <- \"%2\"").arg(now(), line));
+    return ok;
 }

@@ -20,6 +20,7 @@ public:
     quint8 nodeId = 5;            // the simulated device's node-ID
     int bootWaitMs = 5000;        // how long to wait for the first frame
     int heartbeatsToShow = 4;     // heartbeats after the boot-up
+    QString deviceConsole;        // a pipe to the device's stdin console, if any
 
     AbstractCanAdapter* adapter = nullptr; // owned by the context once set
     CanScheduler* scheduler = nullptr;     // owned by the context once set
@@ -38,6 +39,9 @@ public:
     // timeout or Ctrl-C.
     bool waitUntil(const std::function<bool()>& done, int ms) const;
     void wait(int ms) const;
+    // Sends one command line to the device's console; false (with a note
+    // said) when there is no console pipe.
+    bool tellDevice(const QString& line) const;
 
     static bool interrupted();
     static void setInterrupted();

@@ -5,8 +5,12 @@
 #include "cinterfacestep.h"
 #include "democanadapter.h"
 #include "democontext.h"
+#include "emcystep.h"
 #include "heartbeatstep.h"
+#include "nmtstep.h"
 #include "openbusstep.h"
+#include "pdostep.h"
+#include "supervisionstep.h"
 #include "signalwatcher.h"
 
 #include <QCommandLineParser>
@@ -33,7 +37,11 @@ int main(int argc, char** argv)
     QCommandLineOption beatsOpt(QStringLiteral("heartbeats"),
                                 QStringLiteral("Heartbeats to show after the first frame (default 4)."),
                                 QStringLiteral("count"), QStringLiteral("4"));
-    parser.addOptions({portOpt, nodeOpt, waitOpt, beatsOpt});
+    QCommandLineOption consoleOpt(QStringLiteral("device-console"),
+                                  QStringLiteral("A named pipe to the device's stdin console (cosim commands such as "
+                                                 "\"heartbeat 0\"); the supervision and EMCY steps need it."),
+                                  QStringLiteral("path"));
+    parser.addOptions({portOpt, nodeOpt, waitOpt, beatsOpt, consoleOpt});
     parser.process(app);
 
     DemoContext context;
@@ -55,6 +63,7 @@ int main(int argc, char** argv)
     }
     context.bootWaitMs = qMax(100, parser.value(waitOpt).toInt());
     context.heartbeatsToShow = qBound(1, parser.value(beatsOpt).toInt(), 100);
+    context.deviceConsole = parser.value(consoleOpt);
 
     SignalWatcher* watcher = SignalWatcher::quitOnTermination(&app);
     QObject::connect(watcher, &SignalWatcher::signalReceived, []() { DemoContext::setInterrupted(); });
@@ -63,6 +72,10 @@ int main(int argc, char** argv)
     steps.push_back(std::make_unique<OpenBusStep>());
     steps.push_back(std::make_unique<HeartbeatStep>());
     steps.push_back(std::make_unique<CInterfaceStep>());
+    steps.push_back(std::make_unique<NmtStep>());
+    steps.push_back(std::make_unique<SupervisionStep>());
+    steps.push_back(std::make_unique<EmcyStep>());
+    steps.push_back(std::make_unique<PdoStep>());
 
     context.say(QStringLiteral("CANopen master library demo\n"
                                "===========================\n"

@@ -1,0 +1,432 @@
+// End-to-end tests of cotool's network commands (nmt, monitor, sync, emcy,
+// pdo): against the simulated device cosim on a private virtual bus, with
+// the frames checked on a second adapter, and through a gateway played by a
+// local TCP server that records the lines it receives.
+#include "canopenmasterclass.h"
+#include "democanadapter.h"
+#include "framecollector.h"
+#include "recordingcanadapter.h"
+#include "testbus.h"
+#include "toolprocess.h"
+
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QtTest>
+#include <csignal>
+#include <memory>
+
+namespace {
+const QString kCotool = QStringLiteral(COTOOL_PATH);
+const QString kCosim = QStringLiteral(COSIM_PATH);
+constexpr quint8 kNode = 5;
+
+QString hex(const CAN::CanMessage& m)
+{
+    return QStringLiteral("%1 [%2] %3")
+        .arg(m.id, 3, 16, QLatin1Char('0'))
+        .arg(m.length)
+        .arg(QString::fromLatin1(frameData(m).toHex()))
+        .toUpper();
+}
+
+// The text after the time column of an event line ("  1.234  node ...").
+QStringList events(const QStringList& lines)
+{
+    QStringList result;
+    for (const QString& line : lines)
+        result << line.mid(9);
+    return result;
+}
+
+// A gateway: records every line it receives and answers each request with
+// the answer given for it (by default "[n] OK"); can push report lines.
+class FakeGateway : public QObject
+{
+public:
+    FakeGateway()
+    {
+        mServer.listen(QHostAddress::LocalHost, 0);
+        connect(&mServer, &QTcpServer::newConnection, this, [this]() {
+            while (QTcpSocket* s = mServer.nextPendingConnection()) {
+                mClient = s;
+                connect(s, &QTcpSocket::readyRead, this, [this, s]() {
+                    mPending += s->readAll();
+                    int end;
+                    while ((end = mPending.indexOf('\n')) >= 0) {
+                        const QByteArray line = mPending.left(end + 1);
+                        mPending.remove(0, end + 1);
+                        lines << QString::fromUtf8(line);
+                        const QByteArray seq = line.mid(0, line.indexOf(']') + 1);
+                        if (!answer.isNull())
+                            s->write(seq + ' ' + answer.toUtf8() + "\r\n");
+                    }
+                });
+            }
+        });
+    }
+    QString address() const { return QStringLiteral("127.0.0.1:%1").arg(mServer.serverPort()); }
+    void push(const QByteArray& text)
+    {
+        if (mClient)
+            mClient->write(text);
+    }
+    QStringList lines;
+    QString answer = QStringLiteral("OK"); // null: never answer
+
+private:
+    QTcpServer mServer;
+    QPointer<QTcpSocket> mClient;
+    QByteArray mPending;
+};
+} // namespace
+
+class tst_CotoolNet : public QObject
+{
+    Q_OBJECT
+private:
+    // A device on the bus, booted (its boot-up frame seen by the test's adapter).
+    std::unique_ptr<ToolProcess> startDevice(const QStringList& extra)
+    {
+        mCollector->clear();
+        auto device = std::make_unique<ToolProcess>(kCosim, QStringList{"--node", QString::number(kNode), "--quiet"} + extra);
+        const bool booted = QTest::qWaitFor([this]() { return mCollector->count(0x700 + kNode) > 0; }, 10000);
+        if (!booted)
+            qWarning("cosim did not boot: %s", qPrintable(device->err()));
+        return booted ? std::move(device) : nullptr;
+    }
+    // A command that listens, once its adapter listens on the bus (it
+    // registers its receivers before it opens the adapter).
+    std::unique_ptr<ToolProcess> startListener(const QStringList& args)
+    {
+        auto p = std::make_unique<ToolProcess>(kCotool, args);
+        if (!p->waitUntilBound(mPort))
+            qWarning("cotool %s did not bind port %u", qPrintable(args.join(' ')), mPort);
+        return p;
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        CanopenMaster master;
+        mPort = TestBus::usePrivatePort();
+        mBus.reset(new DemoCanAdapter(QStringLiteral("v")));
+        mCollector.reset(new FrameCollector(mBus.get()));
+        QCOMPARE(mBus->open(), CAN::Ok);
+    }
+    void cleanupTestCase()
+    {
+        mBus->close();
+        mCollector.reset();
+        mBus.reset();
+    }
+    void init() { mCollector->clear(); }
+
+    void nmtPutsTheFrameOnTheWire_data()
+    {
+        QTest::addColumn<QStringList>("args");
+        QTest::addColumn<QString>("frame");
+        QTest::addColumn<QString>("printed");
+        QTest::newRow("start node 5") << QStringList{"start", "5"} << "000 [2] 0105" << "sent start to node 5: 000#0105";
+        QTest::newRow("stop node 127") << QStringList{"stop", "127"} << "000 [2] 027F" << "sent stop to node 127: 000#027F";
+        QTest::newRow("preop, all nodes") << QStringList{"preop"} << "000 [2] 8000" << "sent preop to all nodes: 000#8000";
+        QTest::newRow("reset-node, node 0") << QStringList{"reset-node", "0"} << "000 [2] 8100" << "sent reset-node to all nodes: 000#8100";
+        QTest::newRow("reset-comm node 1") << QStringList{"reset-comm", "1"} << "000 [2] 8201" << "sent reset-comm to node 1: 000#8201";
+    }
+    void nmtPutsTheFrameOnTheWire()
+    {
+        QFETCH(QStringList, args);
+        QFETCH(QString, frame);
+        QFETCH(QString, printed);
+        const ToolProcess::Result r = ToolProcess::run(kCotool, QStringList{"nmt"} + args);
+        QCOMPARE(r.exitCode, 0);
+        QCOMPARE(r.out, printed + QLatin1Char('\n'));
+        QTRY_COMPARE_WITH_TIMEOUT(mCollector->count(0x000), 1, 2000);
+        QCOMPARE(hex(mCollector->frames(0x000).at(0).message), frame);
+    }
+
+    // nmt drives the device; monitor sees its state changes, and the loss
+    // of its heartbeat once it is gone.
+    void monitorFollowsTheDeviceThroughNmtAndItsLoss()
+    {
+        auto device = startDevice({"--heartbeat", "100", "--no-console"});
+        QVERIFY(device);
+        auto monitor = startListener({"monitor", QString::number(kNode), "--heartbeat", "1000", "--duration", "20000"});
+        QTRY_VERIFY_WITH_TIMEOUT(monitor->out().contains("NodeStateChanged PreOperational"), 5000);
+        QCOMPARE(ToolProcess::run(kCotool, {"nmt", "start", QString::number(kNode)}).exitCode, 0);
+        QTRY_VERIFY_WITH_TIMEOUT(monitor->out().contains("NodeStateChanged Operational"), 5000);
+        QCOMPARE(ToolProcess::run(kCotool, {"nmt", "stop"}).exitCode, 0); // all nodes
+        QTRY_VERIFY_WITH_TIMEOUT(monitor->out().contains("NodeStateChanged Stopped"), 5000);
+        device.reset(); // killed: no more heartbeats
+        QTRY_VERIFY_WITH_TIMEOUT(monitor->out().contains("HeartbeatGuardingStateChanged Lost"), 5000);
+        ::kill(pid_t(monitor->pid()), SIGINT);
+        QCOMPARE(monitor->finish(), 0);
+        QCOMPARE(events(monitor->outLines()),
+                 (QStringList{"node   5  NodeStateChanged PreOperational",
+                              "node   5  HeartbeatGuardingStateChanged StateReceived",
+                              "node   5  NodeStateChanged Operational",
+                              "node   5  HeartbeatGuardingStateChanged StateReceived",
+                              "node   5  NodeStateChanged Stopped",
+                              "node   5  HeartbeatGuardingStateChanged StateReceived",
+                              "node   5  HeartbeatGuardingStateChanged Lost"}));
+    }
+
+    void monitorGuardsANodeWithoutHeartbeat()
+    {
+        auto device = startDevice({"--heartbeat", "0", "--no-console"});
+        QVERIFY(device);
+        auto monitor = startListener({"monitor", QString::number(kNode), "--guard", "200", "--life-factor", "3",
+                                      "--count", "4", "--duration", "20000"});
+        // The guarding requests are answered: the state comes from the answers.
+        QTRY_VERIFY_WITH_TIMEOUT(monitor->out().contains("NodeStateChanged PreOperational"), 5000);
+        QVERIFY(mCollector->count(0x700 + kNode) >= 2); // boot-up, then at least one answer
+        device.reset();
+        QCOMPARE(monitor->finish(), 0); // --count 4 reached
+        QStringList got = events(monitor->outLines());
+        QCOMPARE(got.mid(2), (QStringList{"node   5  HeartbeatGuardingStateChanged GuardingDelayed",
+                                          "node   5  HeartbeatGuardingStateChanged Lost"}));
+        // The requests on the wire: remote frames of length 1.
+        const auto requests = mCollector->frames(0x700 + kNode);
+        bool sawRequest = false;
+        for (const CAN::CanRxMessage& rx : requests)
+            sawRequest |= rx.message.rtr && rx.message.length == 1;
+        QVERIFY(sawRequest);
+    }
+
+    void syncCountsAndCounterBytes_data()
+    {
+        QTest::addColumn<QStringList>("args");
+        QTest::addColumn<quint32>("cobId");
+        QTest::addColumn<QString>("bytes"); // the counter bytes of the frames, or "-" per frame without
+        QTest::addColumn<QString>("printed");
+        QTest::newRow("counter 1..3") << QStringList{"--period", "5ms", "--overflow", "3", "--count", "7"} << 0x80u
+                                      << "1 2 3 1 2 3 1" << "7 SYNC frames on 080, period 5 ms, counter 1..3";
+        QTest::newRow("no counter, one frame") << QStringList{"--period", "1000us", "-n", "1"} << 0x80u << "-"
+                                               << "1 SYNC frames on 080, period 1 ms";
+        QTest::newRow("other COB-ID") << QStringList{"--period", "2", "--count", "3", "--cob-id", "0x1A0"} << 0x1A0u
+                                      << "- - -" << "3 SYNC frames on 1A0, period 2 ms";
+    }
+    void syncCountsAndCounterBytes()
+    {
+        QFETCH(QStringList, args);
+        QFETCH(quint32, cobId);
+        QFETCH(QString, bytes);
+        QFETCH(QString, printed);
+        const ToolProcess::Result r = ToolProcess::run(kCotool, QStringList{"sync"} + args);
+        QCOMPARE(r.exitCode, 0);
+        QVERIFY2(r.out.startsWith(printed + QStringLiteral(", in ")), qPrintable(r.out));
+        const int n = bytes.split(' ').size();
+        QTRY_COMPARE_WITH_TIMEOUT(mCollector->count(cobId), n, 2000);
+        QTest::qWait(50);
+        QCOMPARE(mCollector->count(cobId), n); // and no more
+        QStringList got;
+        for (const CAN::CanRxMessage& rx : mCollector->frames(cobId))
+            got << (rx.message.length ? QString::number(rx.message.data[0]) : QStringLiteral("-"));
+        QCOMPARE(got.join(' '), bytes);
+    }
+
+    void syncForADuration()
+    {
+        const ToolProcess::Result r = ToolProcess::run(kCotool, {"sync", "--period", "10ms", "--duration", "300"});
+        QCOMPARE(r.exitCode, 0);
+        const int n = r.out.section(' ', 0, 0).toInt();
+        // 30 periods, give or take a loaded machine.
+        QVERIFY2(n >= 5 && n <= 32, qPrintable(r.out));
+        QTRY_COMPARE_WITH_TIMEOUT(mCollector->count(0x80), n, 2000);
+    }
+
+    // The device answers every SYNC with its TPDO 0x185 (u16 counter, i32
+    // -1000 x counter); pdo decodes it by the mapping given.
+    void pdoDecodesTheDevicesTpdo_data()
+    {
+        QTest::addColumn<QString>("map");
+        QTest::addColumn<QStringList>("lines");
+        QTest::newRow("full mapping") << "u16,i32"
+                                      << QStringList{"185  u16=1 i32=-1000", "185  u16=2 i32=-2000", "185  u16=3 i32=-3000"};
+        QTest::newRow("bytes as u8, i8") << "u8,u8,i8,i8,i8,i8"
+                                         << QStringList{"185  u8=1 u8=0 i8=24 i8=-4 i8=-1 i8=-1",
+                                                        "185  u8=2 u8=0 i8=48 i8=-8 i8=-1 i8=-1",
+                                                        "185  u8=3 u8=0 i8=72 i8=-12 i8=-1 i8=-1"};
+        const QString mismatch = QStringLiteral("185  length mismatch: the frame's length differs from the mapping's 2 bytes");
+        QTest::newRow("short mapping") << "i16"
+                                       << QStringList{"185  i16=1", mismatch, "185  i16=2", mismatch, "185  i16=3", mismatch};
+    }
+    void pdoDecodesTheDevicesTpdo()
+    {
+        QFETCH(QString, map);
+        QFETCH(QStringList, lines);
+        auto device = startDevice({"--operational", "--heartbeat", "0", "--no-console"});
+        QVERIFY(device);
+        auto pdo = startListener({"pdo", "185", "--map", map, "--count", "3", "--duration", "10000"});
+        for (int i = 0; i < 3; ++i) {
+            CAN::CanMessage sync = makeFrame(0x80, {});
+            QCOMPARE(mBus->write(&sync), CAN::Ok);
+            QTRY_COMPARE_WITH_TIMEOUT(mCollector->count(0x185), i + 1, 3000);
+        }
+        const int pdoExit = pdo->finish();
+        QVERIFY2(pdoExit == 0, qPrintable(pdo->err() + pdo->out()));
+        QCOMPARE(events(pdo->outLines()), lines);
+    }
+
+    void emcyPrintsTheDevicesEmergencies_data()
+    {
+        QTest::addColumn<QStringList>("nodes");
+        QTest::newRow("node 5") << QStringList{"5"};
+        QTest::newRow("all nodes") << QStringList{};
+        QTest::newRow("a list with 5") << QStringList{"1-4,5,9"};
+    }
+    void emcyPrintsTheDevicesEmergencies()
+    {
+        QFETCH(QStringList, nodes);
+        auto device = startDevice({"--heartbeat", "0"}); // with its console on stdin
+        QVERIFY(device);
+        auto emcy = startListener(QStringList{"emcy", "--count", "2", "--duration", "10000"} + nodes);
+        device->write("emcy 8110 11 01 02 03 04 05\nemcy clear\n");
+        QCOMPARE(emcy->finish(), 0);
+        QCOMPARE(events(emcy->outLines()),
+                 (QStringList{"node   5  EMCY 8110  register 11  data 01 02 03 04 05  (CAN overrun, objects lost)",
+                              "node   5  EMCY 0000  register 00  data 00 00 00 00 00  (error reset or no error)"}));
+    }
+
+    void emcyIgnoresOtherNodes()
+    {
+        auto device = startDevice({"--heartbeat", "0"});
+        QVERIFY(device);
+        auto emcy = startListener({"emcy", "6,7", "--count", "1", "--duration", "800"});
+        device->write("emcy 1000 01\n");
+        QTRY_COMPARE_WITH_TIMEOUT(mCollector->count(0x85), 1, 3000); // it was on the bus
+        ToolProcess::Result r;
+        r.exitCode = emcy->finish();
+        r.out = emcy->out();
+        r.err = emcy->err();
+        QCOMPARE(r.exitCode, 1);
+        QCOMPARE(r.out, QString());
+        QVERIFY2(r.err.contains("0 of 1 emergencies"), qPrintable(r.err));
+    }
+
+    void nmtThroughAGateway_data()
+    {
+        QTest::addColumn<QStringList>("args");
+        QTest::addColumn<QString>("answer"); // null: the gateway stays silent
+        QTest::addColumn<QString>("line");
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QString>("printed");
+        QTest::newRow("reset-node 5") << QStringList{"reset-node", "5"} << "OK" << "[0] 5 reset node\n" << 0
+                                      << "sent reset-node to node 5: [0] 5 reset node\ngateway answered: [0] OK\n";
+        QTest::newRow("start all") << QStringList{"start"} << "OK" << "[0] 0 start\n" << 0
+                                   << "sent start to all nodes: [0] 0 start\ngateway answered: [0] OK\n";
+        QTest::newRow("preop 127") << QStringList{"preop", "127"} << "OK" << "[0] 127 preop\n" << 0
+                                   << "sent preop to node 127: [0] 127 preop\ngateway answered: [0] OK\n";
+        QTest::newRow("reset-comm all") << QStringList{"reset-comm", "0"} << "OK" << "[0] 0 reset comm\n" << 0
+                                        << "sent reset-comm to all nodes: [0] 0 reset comm\ngateway answered: [0] OK\n";
+        QTest::newRow("gateway error") << QStringList{"stop", "3"} << "ERROR: 100" << "[0] 3 stop\n" << 1
+                                       << "sent stop to node 3: [0] 3 stop\ngateway answered: [0] ERROR: 100\n";
+        QTest::newRow("no answer") << QStringList{"stop", "3"} << QString() << "[0] 3 stop\n" << 1
+                                   << "sent stop to node 3: [0] 3 stop\n";
+    }
+    void nmtThroughAGateway()
+    {
+        QFETCH(QStringList, args);
+        QFETCH(QString, answer);
+        QFETCH(QString, line);
+        QFETCH(int, exitCode);
+        QFETCH(QString, printed);
+        FakeGateway gateway;
+        gateway.answer = answer;
+        ToolProcess nmt(kCotool, QStringList{"nmt", "--gateway", gateway.address()} + args);
+        QCOMPARE(nmt.finish(10000), exitCode);
+        QCOMPARE(gateway.lines, QStringList{line});
+        QCOMPARE(nmt.out(), printed);
+        if (answer.isNull())
+            QVERIFY2(nmt.err().contains("no answer from the gateway within 1000 ms"), qPrintable(nmt.err()));
+        QCOMPARE(mCollector->count(), 0); // nothing on CAN
+    }
+
+    void emcyThroughAGateway()
+    {
+        FakeGateway gateway;
+        ToolProcess emcy(kCotool, {"emcy", "5", "--gateway", gateway.address(), "--count", "2", "--duration", "10000"});
+        // Reports until it has seen enough; node 6's are not for it.
+        QTimer pusher;
+        connect(&pusher, &QTimer::timeout, &gateway, [&gateway]() {
+            gateway.push("6 emcy 0x1000 1 0 0 0 0 0\r\n5 emcy 0x8110 0x11 1 2 3 4 5\r\n");
+        });
+        pusher.start(100);
+        QTRY_VERIFY_WITH_TIMEOUT(!emcy.isRunning(), 10000);
+        QCOMPARE(emcy.finish(), 0);
+        QCOMPARE(events(emcy.outLines()),
+                 (QStringList{"node   5  EMCY 8110  register 11  data 01 02 03 04 05  (CAN overrun, objects lost)",
+                              "node   5  EMCY 8110  register 11  data 01 02 03 04 05  (CAN overrun, objects lost)"}));
+        QCOMPARE(gateway.lines, QStringList()); // it only listens
+    }
+
+    void gatewayThatIsNotThere()
+    {
+        // A port that just stopped listening refuses the connection.
+        QTcpServer server;
+        QVERIFY(server.listen(QHostAddress::LocalHost, 0));
+        const quint16 port = server.serverPort();
+        server.close();
+        const ToolProcess::Result r = ToolProcess::run(kCotool, {"nmt", "--gateway", QStringLiteral("127.0.0.1:%1").arg(port), "start"});
+        QCOMPARE(r.exitCode, 1);
+        QVERIFY2(r.err.contains("could not connect to the gateway"), qPrintable(r.err));
+        QCOMPARE(r.out, QString());
+    }
+
+    void badArgumentsExitWith2_data()
+    {
+        QTest::addColumn<QStringList>("args");
+        QTest::addColumn<QString>("errorPart");
+        QTest::newRow("nmt without command") << QStringList{"nmt"} << "no NMT command given";
+        QTest::newRow("nmt unknown command") << QStringList{"nmt", "go", "5"} << "unknown NMT command 'go'";
+        QTest::newRow("nmt node 128") << QStringList{"nmt", "start", "128"} << "0 (all nodes) or 1..127";
+        QTest::newRow("nmt extra") << QStringList{"nmt", "start", "5", "6"} << "unexpected argument '6'";
+        QTest::newRow("monitor without node") << QStringList{"monitor"} << "no node given";
+        QTest::newRow("monitor bad list") << QStringList{"monitor", "3-1"} << "bad node list '3-1'";
+        QTest::newRow("monitor both ways") << QStringList{"monitor", "5", "--heartbeat", "100", "--guard", "100"} << "exclude each other";
+        QTest::newRow("life factor alone") << QStringList{"monitor", "5", "--life-factor", "3"} << "goes with --guard";
+        QTest::newRow("heartbeat too long") << QStringList{"monitor", "5", "--heartbeat", "70000"} << "--heartbeat wants a number 1..65535";
+        QTest::newRow("monitor on gateway") << QStringList{"monitor", "5", "--gateway", "localhost:7000"} << "not supported";
+        QTest::newRow("sync without period") << QStringList{"sync"} << "no period given";
+        QTest::newRow("sync sub-ms period") << QStringList{"sync", "--period", "1500us"} << "no multiple of 1000";
+        QTest::newRow("sync overflow 1") << QStringList{"sync", "--period", "10", "--overflow", "1"} << "--overflow wants 2..240";
+        QTest::newRow("sync overflow 241") << QStringList{"sync", "--period", "10", "--overflow", "241"} << "--overflow wants 2..240";
+        QTest::newRow("sync bad cob-id") << QStringList{"sync", "--period", "10", "--cob-id", "800"} << "0..7FF";
+        QTest::newRow("sync on gateway") << QStringList{"sync", "--period", "10", "--gateway", "localhost:7000"} << "not supported";
+        QTest::newRow("emcy bad list") << QStringList{"emcy", "0"} << "bad node list";
+        QTest::newRow("emcy count 0") << QStringList{"emcy", "--count", "0"} << "--count";
+        QTest::newRow("pdo without cob-id") << QStringList{"pdo", "--map", "u8"} << "no COB-ID given";
+        QTest::newRow("pdo without map") << QStringList{"pdo", "185"} << "no mapping given";
+        QTest::newRow("pdo 9 bytes") << QStringList{"pdo", "185", "--map", "u32,u32,u8"} << "at most 8";
+        QTest::newRow("pdo unknown type") << QStringList{"pdo", "185", "--map", "u16,float"} << "'float'";
+        QTest::newRow("pdo on gateway") << QStringList{"pdo", "185", "--map", "u8", "--gateway", "localhost:7000"} << "not supported";
+    }
+    void badArgumentsExitWith2()
+    {
+        QFETCH(QStringList, args);
+        QFETCH(QString, errorPart);
+        const ToolProcess::Result r = ToolProcess::run(kCotool, args);
+        QCOMPARE(r.exitCode, 2);
+        QVERIFY2(r.err.contains(errorPart), qPrintable(r.err));
+        QCOMPARE(r.out, QString());
+        QTest::qWait(30);
+        QCOMPARE(mCollector->count(), 0);
+    }
+
+    void helpListsTheNewCommands()
+    {
+        const ToolProcess::Result r = ToolProcess::run(kCotool, {"--help"});
+        QCOMPARE(r.exitCode, 0);
+        for (const char* name : {"nmt ", "monitor ", "sync ", "emcy ", "pdo "})
+            QVERIFY2(r.out.contains(QLatin1String("  ") + QLatin1String(name)), name);
+        const ToolProcess::Result pdo = ToolProcess::run(kCotool, {"pdo", "--help"});
+        QVERIFY(pdo.out.contains("u8, u16, u32"));
+    }
+
+private:
+    std::unique_ptr<DemoCanAdapter> mBus;
+    std::unique_ptr<FrameCollector> mCollector;
+    quint16 mPort = 0;
+};
+
+QTEST_MAIN(tst_CotoolNet)
+#include "tst_cotoolnet.moc"
