@@ -55,7 +55,7 @@ kill -INT "$dump_pid" 2>/dev/null || true
 wait "$dump_pid" 2>/dev/null || true
 echo
 echo "The same traffic as 'cotool dump --port $port' printed it (time stamp, CAN-ID, [length], data):"
-sed 's/^/  /' "$tmpdump" | head -n 30
+head -n 30 "$tmpdump" | sed 's/^/  /'
 lines=$(wc -l <"$tmpdump")
 if [ "$lines" -gt 30 ]; then echo "  ... ($((lines - 30)) more lines)"; fi
 echo

@@ -10,6 +10,7 @@
 #include "nmtstep.h"
 #include "openbusstep.h"
 #include "pdostep.h"
+#include "sdostep.h"
 #include "supervisionstep.h"
 #include "signalwatcher.h"
 
@@ -76,6 +77,7 @@ int main(int argc, char** argv)
     steps.push_back(std::make_unique<SupervisionStep>());
     steps.push_back(std::make_unique<EmcyStep>());
     steps.push_back(std::make_unique<PdoStep>());
+    steps.push_back(std::make_unique<SdoStep>());
 
     context.say(QStringLiteral("CANopen master library demo\n"
                                "===========================\n"
