@@ -129,6 +129,7 @@ CAN::RetType SDOBlockClient::write(quint16 idx, quint8 sub, QByteArray value)
         index = idx;
         subIndex = sub;
         ++mPumpTicket;
+        beginTransferLocked();
         if (sendLocked(initiateDownloadFrame(serverCobId, idx, sub, size)) != CAN::Ok) {
             setTransferOptionLocked(false);
             return CAN::Error;
@@ -156,6 +157,7 @@ CAN::RetType SDOBlockClient::read(quint16 idx, quint8 sub)
         index = idx;
         subIndex = sub;
         ++mPumpTicket;
+        beginTransferLocked();
         if (sendLocked(initiateUploadFrame(serverCobId, idx, sub, UploadBlockSize)) != CAN::Ok) {
             setTransferOptionLocked(false);
             return CAN::Error;

@@ -275,6 +275,7 @@ CAN::RetType SDOExpeditedClient::read(quint16 idx, quint8 sub, CAN::CANopenDataT
             return CAN::Error;
         busy = 1;
         direction = 1;
+        beginTransferLocked();
         if (sdoTimeout != 0)
             superviseLocked(sdoTimeout);
         const CAN::RetType r = sendLocked(sdoFrame(serverCobId, 0x40, idx, sub));
@@ -307,6 +308,7 @@ CAN::RetType SDOExpeditedClient::write(quint16 idx, quint8 sub, CAN::CANopenData
         direction = 2;
         busy = 1;
         writeValue = value;
+        beginTransferLocked();
         if (sendLocked(frame) != CAN::Ok) {
             busy = 0;
             writeValue = QVariant();
@@ -345,7 +347,7 @@ void SDOExpeditedClient::frameArrived(const std::shared_ptr<Core>& core, const C
     {
         std::lock_guard<CanMutex> guard(core->lock);
         engine = core->engine;
-        if (!engine)
+        if (!engine || engine->dispatchedBeforeStartLocked())
             return;
         engine->handleFrameLocked(message.message);
         deliverHere = engine->scheduleDeliveryLocked();
@@ -354,6 +356,17 @@ void SDOExpeditedClient::frameArrived(const std::shared_ptr<Core>& core, const C
     // destroyed behind our back.
     if (deliverHere)
         engine->deliverNotices();
+}
+
+bool SDOExpeditedClient::dispatchedBeforeStartLocked() const
+{
+    // All engines of one node share its answer COB-ID, and the dispatcher
+    // hands each frame to them one after the other. When one engine ends its
+    // transfer on a frame and its user starts another engine at once, the
+    // same frame may still be on its way to that engine: it is no answer to
+    // the new request.
+    const quint64 number = CanScheduler::currentDispatch(mScheduler.data());
+    return number != 0 && number <= mStartDispatch;
 }
 
 void SDOExpeditedClient::newCanMessageReceived(CAN::CanRxMessage message)
@@ -424,6 +437,11 @@ void SDOExpeditedClient::checkDeadline()
         mDeadlineMs = 0;
         expireLocked();
     });
+}
+
+void SDOExpeditedClient::beginTransferLocked()
+{
+    mStartDispatch = mScheduler ? mScheduler->dispatchCount() : 0;
 }
 
 void SDOExpeditedClient::superviseLocked(quint32 ms)

@@ -12,6 +12,11 @@
 //   and the next segment or segment request of a segmented transfer, and the
 //   start, confirmation and end frames of a block upload, go out from there at
 //   once.
+// - The engines of one node share its answer COB-ID and each gets every
+//   frame of it, one after the other. A frame whose dispatch began before a
+//   transfer started is no answer to it (CanScheduler::dispatchCount): the
+//   frame that ends one engine's transfer may still be on its way to another
+//   engine when the caller, woken by the outcome, starts that one.
 // - All transfer state is guarded by one lock (Core::lock). Frames are written
 //   while it is held, so that the wire sees them in state-machine order.
 // - The time-out is a deadline: every frame sent or accepted moves the "last
@@ -155,6 +160,9 @@ protected:
     CAN::RetType sendLocked(CAN::CanMessage frame);
     bool hasAdapterLocked() const;
     void setTransferOptionLocked(bool active);
+    // A transfer starts: called before its first request is sent. Frames
+    // whose dispatch began before this point are not answers to it.
+    void beginTransferLocked();
     void superviseLocked(quint32 ms);  // start the time-out for a transfer
     void touchLocked();                // a frame went out or came in
     void stopTimerLocked();
@@ -191,6 +199,7 @@ private Q_SLOTS:
 
 private:
     static void frameArrived(const std::shared_ptr<Core>& core, const CAN::CanRxMessage& message);
+    bool dispatchedBeforeStartLocked() const;
     void init();
     void registerReceiver();
     bool scheduleDeliveryLocked();
@@ -202,6 +211,7 @@ private:
     bool mDeliveryPosted = false;     // guarded by the lock
     bool mDelivering = false;         // engine's thread only
     qint64 mLastActivityNs = 0;       // guarded by the lock
+    quint64 mStartDispatch = 0;       // guarded by the lock; see beginTransferLocked
     quint32 mDeadlineMs = 0;          // guarded by the lock; 0: no time-out running
 };
 

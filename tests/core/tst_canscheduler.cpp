@@ -161,6 +161,46 @@ private Q_SLOTS:
         scheduler.unregisterCan(s);
     }
 
+    // Each frame is numbered when its dispatch begins, whether anyone listens
+    // or not; receivers see the number of the frame they are handed, also
+    // across a nested dispatch, and only for their own scheduler.
+    void framesAreNumberedAsTheirDispatchBegins()
+    {
+        RecordingCanAdapter adapter;
+        RecordingCanAdapter otherAdapter;
+        CanScheduler scheduler(&adapter);
+        CanScheduler other(&otherAdapter);
+        scheduler.connectToAdapter(true);
+        other.connectToAdapter(true);
+        QCOMPARE(scheduler.dispatchCount(), quint64(0));
+        QCOMPARE(CanScheduler::currentDispatch(&scheduler), quint64(0));
+
+        CanSender* s = scheduler.registerCanId(0x181);
+        CanSender* o = other.registerCanId(0x182);
+        QList<quint64> seen; // number seen at 0x181 before and after the nested frame, at 0x182 for both schedulers
+        connect(s, ReceivedFrame, this, [&](CAN::CanRxMessage m) {
+            seen << CanScheduler::currentDispatch(&scheduler) << CanScheduler::currentDispatch(&other);
+            if (m.message.data[0] == 0x11) {
+                otherAdapter.inject(makeRxFrame(0x182, {0x22}));
+                seen << CanScheduler::currentDispatch(&scheduler);
+            }
+        }, Qt::DirectConnection);
+        connect(o, ReceivedFrame, this, [&] {
+            seen << CanScheduler::currentDispatch(&other) << CanScheduler::currentDispatch(&scheduler);
+        }, Qt::DirectConnection);
+
+        adapter.inject(makeRxFrame(0x700, {0x05}));  // nobody listens: numbered all the same
+        adapter.inject(makeRxFrame(0x181, {0x11}));
+        QCOMPARE(seen, (QList<quint64>{2, 0, 1, 0, 2}));
+        QCOMPARE(scheduler.dispatchCount(), quint64(2));
+        QCOMPARE(other.dispatchCount(), quint64(1));
+        QCOMPARE(CanScheduler::currentDispatch(&scheduler), quint64(0));
+        QCOMPARE(CanScheduler::currentDispatch(&other), quint64(0));
+        QCOMPARE(CanScheduler::currentDispatch(nullptr), quint64(0));
+        scheduler.unregisterCan(s);
+        other.unregisterCan(o);
+    }
+
     // connectToAdapter(false) names the scheduler as sender: the adapter's
     // connection stays and frames keep arriving, exactly once each.
     void disconnectRequestLeavesDeliveryWorking()
