@@ -7,15 +7,18 @@
 // wake-ups of both (voluntary context switches of every thread: a thread that
 // blocks is woken once for it).
 //
-// The floor is measured in the same run: a plain-socket ping-pong of one
+// The floor is measured in the same run, in blocks that alternate with the
+// expedited reads so that both meet the same load: a plain-socket ping-pong of one
 // 76-byte datagram each way over 127.255.255.255 between this process and an
 // echo peer (this program started again with --echo-peer), both bound to a
 // second private port with SO_REUSEADDR and SO_BROADCAST, both sending from a
 // socket of their own and ignoring their own datagrams by source port, as the
 // virtual bus does. Each SDO figure is printed next to it.
 //
-//   bench_sdo [--reads N] [--size BYTES] [--repeat R] [--cosim PATH]
-//   (defaults: 10000 reads, 65536 bytes, 3 transfers of each kind)
+//   bench_sdo [--reads N] [--size BYTES] [--repeat R] [--cosim PATH] [--only PHASE]
+//   (defaults: 10000 reads, 65536 bytes, 3 transfers of each kind; --only runs
+//   the phases whose name contains PHASE: "expedited", "segmented", "block
+//   upload", ...; the floor is measured with the expedited reads)
 #include "canopenmasterclass.h"
 #include "canscheduler.h"
 #include "democanadapter.h"
@@ -28,6 +31,7 @@
 #include <QElapsedTimer>
 #include <QEventLoop>
 #include <QFile>
+#include <QLoggingCategory>
 #include <QProcess>
 #include <QTimer>
 #include <QUdpSocket>
@@ -238,63 +242,88 @@ int echoPeer(quint16 port)
     }
 }
 
-struct Floor {
-    double medianUs = 0, p99Us = 0;
-    Usage self0, self1, peer0, peer1;
-    int rounds = 0;
+// This process's side of the ping-pong, with the echo peer running in a
+// process of its own for the whole run.
+class FloorPeer
+{
+public:
+    ~FloorPeer() { stop(); }
+
+    bool start(quint16 port, const QString& self)
+    {
+        if (!openBus(port, mSockets)) {
+            std::fprintf(stderr, "bench_sdo: floor sockets failed: %s\n", std::strerror(errno));
+            return false;
+        }
+        mPid = fork();
+        if (mPid == 0) {
+            const QByteArray exe = self.toLocal8Bit();
+            const QByteArray p = QByteArray::number(port);
+            execl(exe.constData(), exe.constData(), "--echo-peer", p.constData(), static_cast<char*>(nullptr));
+            _exit(127);
+        }
+        timeval tv{5, 0};
+        setsockopt(mSockets.rx, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+        char buf[DatagramSize];
+        if (receiveForeign(mSockets, buf) != 'r') {
+            std::fprintf(stderr, "bench_sdo: echo peer did not start\n");
+            kill(mPid, SIGKILL);
+            waitpid(mPid, nullptr, 0);
+            mPid = -1;
+            return false;
+        }
+        return true;
+    }
+
+    // One round trip; its time in microseconds (negative: no answer).
+    double pingPong()
+    {
+        char buf[DatagramSize];
+        const double t0 = nowUs();
+        sendDatagram(mSockets, 'p');
+        for (;;) {
+            const int kind = receiveForeign(mSockets, buf);
+            if (kind == 'o')
+                return nowUs() - t0;
+            if (kind < 0)
+                return -1;
+        }
+    }
+
+    qint64 pid() const { return mPid; }
+
+    void stop()
+    {
+        if (mPid > 0) {
+            sendDatagram(mSockets, 'q');
+            waitpid(mPid, nullptr, 0);
+            mPid = -1;
+        }
+        if (mSockets.rx >= 0)
+            close(mSockets.rx);
+        if (mSockets.tx >= 0)
+            close(mSockets.tx);
+        mSockets = BusSockets();
+    }
+
+private:
+    BusSockets mSockets;
+    pid_t mPid = -1;
 };
 
-Floor measureFloor(int rounds, quint16 port, const QString& self)
-{
-    Floor f;
-    BusSockets s;
-    if (!openBus(port, s)) {
-        std::fprintf(stderr, "bench_sdo: floor sockets failed: %s\n", std::strerror(errno));
-        return f;
-    }
-    const pid_t pid = fork();
-    if (pid == 0) {
-        const QByteArray exe = self.toLocal8Bit();
-        const QByteArray p = QByteArray::number(port);
-        execl(exe.constData(), exe.constData(), "--echo-peer", p.constData(), static_cast<char*>(nullptr));
-        _exit(127);
-    }
-    char buf[DatagramSize];
-    timeval tv{5, 0};
-    setsockopt(s.rx, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    if (receiveForeign(s, buf) != 'r') {
-        std::fprintf(stderr, "bench_sdo: echo peer did not start\n");
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
-        return f;
-    }
-    const auto pingPong = [&] {
-        sendDatagram(s, 'p');
-        while (receiveForeign(s, buf) != 'o') {
+// Usage figures summed over several stretches of a measurement.
+struct UsageSum {
+    Usage total;
+    void add(const Usage& before, const Usage& after)
+    {
+        total.cpuUs += after.cpuUs - before.cpuUs;
+        total.wakeups += after.wakeups - before.wakeups;
+        for (const auto& t : after.threadWakeups) {
+            auto it = before.threadWakeups.find(t.first);
+            total.threadWakeups[t.first] += t.second - (it == before.threadWakeups.end() ? 0 : it->second);
         }
-    };
-    for (int i = 0; i < 500; ++i)
-        pingPong(); // warm-up
-    std::vector<double> rtt;
-    rtt.reserve(size_t(rounds));
-    f.self0 = usageOfSelf();
-    f.peer0 = usageOf(pid);
-    for (int i = 0; i < rounds; ++i) {
-        const double t0 = nowUs();
-        pingPong();
-        rtt.push_back(nowUs() - t0);
     }
-    f.self1 = usageOfSelf();
-    f.peer1 = usageOf(pid);
-    sendDatagram(s, 'q');
-    waitpid(pid, nullptr, 0);
-    close(s.rx);
-    close(s.tx);
-    f.rounds = rounds;
-    f.medianUs = percentile(rtt, 0.5);
-    f.p99Us = percentile(rtt, 0.99);
-    return f;
-}
+};
 
 // ---------------------------------------------------------------- the master side
 
@@ -376,9 +405,11 @@ int main(int argc, char** argv)
 
     QCoreApplication app(argc, argv);
     CanopenMaster master;
+    QLoggingCategory::setFilterRules(QStringLiteral("*.debug=false")); // the engines' debug lines
     int reads = 10000;
     int size = 65536;
     int repeat = 3;
+    QString only; // run only the phases whose name contains this
 #ifdef COSIM_PATH
     QString cosim = QStringLiteral(COSIM_PATH);
 #else
@@ -394,8 +425,10 @@ int main(int argc, char** argv)
             repeat = args[++i].toInt();
         else if (args[i] == QLatin1String("--cosim") && i + 1 < args.size())
             cosim = args[++i];
+        else if (args[i] == QLatin1String("--only") && i + 1 < args.size())
+            only = args[++i];
         else {
-            std::fprintf(stderr, "usage: bench_sdo [--reads N] [--size BYTES] [--repeat R] [--cosim PATH]\n");
+            std::fprintf(stderr, "usage: bench_sdo [--reads N] [--size BYTES] [--repeat R] [--cosim PATH] [--only PHASE]\n");
             return 2;
         }
     }
@@ -415,14 +448,10 @@ int main(int argc, char** argv)
     std::printf("machine: %ld cores, load average %.2f %.2f %.2f at start\n", sysconf(_SC_NPROCESSORS_ONLN), load[0],
                 load[1], load[2]);
 
-    // The floor first, with nothing else of ours running.
-    const Floor floor = measureFloor(reads, floorPort, QCoreApplication::applicationFilePath());
-    if (floor.rounds == 0)
+    // The floor's echo peer runs for the whole measurement.
+    FloorPeer floor;
+    if (!floor.start(floorPort, QCoreApplication::applicationFilePath()))
         return 1;
-    std::printf("\nfloor: plain-socket ping-pong, 76 bytes each way, %d rounds\n", floor.rounds);
-    std::printf("  round trip median %.1f us, 99%% %.1f us\n", floor.medianUs, floor.p99Us);
-    printUsage("self", floor.self0, floor.self1, floor.rounds, "round");
-    printUsage("peer", floor.peer0, floor.peer1, floor.rounds, "round");
 
     // The device in a process of its own.
     QProcess device;
@@ -466,57 +495,92 @@ int main(int argc, char** argv)
         return 1;
     }
 
-    // ---- expedited read round trip: each read starts from the previous result.
-    {
-        std::vector<double> rtt;
+    // ---- expedited read round trip against the floor: the two alternate in
+    // blocks, so that both see the same load of the shared machine. Within a
+    // block each read starts from the previous result.
+    double floorMedianUs = 0;
+    if (QStringLiteral("expedited read").contains(only)) {
+        constexpr int Blocks = 20;
+        const int perBlock = (reads + Blocks - 1) / Blocks;
+        std::vector<double> rtt, floorRtt;
         rtt.reserve(size_t(reads));
-        const int warmUp = 500;
-        int started = 0;
+        floorRtt.reserve(size_t(reads));
+        UsageSum master, dev, pinger, peer;
+        int remaining = 0;
         double t0 = 0;
+        bool recording = false;
         bool failed = false;
-        Usage self0, dev0;
         QMetaObject::Connection c = QObject::connect(
             &expedited, &SDOExpeditedClient::resultReceived, [&](quint16, quint8, QVariant) {
                 const double t = nowUs();
-                if (started > warmUp)
+                if (recording)
                     rtt.push_back(t - t0);
-                if (started == warmUp) {
-                    self0 = usageOfSelf();
-                    dev0 = usageOf(devicePid);
-                }
-                if (started < warmUp + reads) {
-                    ++started;
+                if (--remaining > 0) {
                     t0 = nowUs();
                     failed = failed || expedited.read(0x1018, 1, CAN::UNSIGNED32) != CAN::Ok;
                 }
                 poke();
             });
-        const int errorsBefore = eo.errors;
-        ++started;
-        t0 = nowUs();
-        expedited.read(0x1018, 1, CAN::UNSIGNED32);
-        waitUntil([&] { return size_t(reads) == rtt.size() || failed || eo.errors != errorsBefore; }, 120000);
-        const Usage self1 = usageOfSelf();
-        const Usage dev1 = usageOf(devicePid);
+        const auto sdoBlock = [&](int n, bool record) {
+            const int errorsBefore = eo.errors;
+            remaining = n;
+            recording = record;
+            t0 = nowUs();
+            if (expedited.read(0x1018, 1, CAN::UNSIGNED32) != CAN::Ok)
+                return false;
+            return waitUntil([&] { return remaining <= 0 || failed || eo.errors != errorsBefore; }, 60000)
+                && remaining <= 0 && !failed;
+        };
+        bool ok = sdoBlock(500, false); // warm-up
+        for (int i = 0; i < 500 && ok; ++i)
+            ok = floor.pingPong() >= 0;
+        for (int b = 0; b < Blocks && ok; ++b) {
+            const int n = qMin(perBlock, reads - b * perBlock);
+            Usage self0 = usageOfSelf(), peer0 = usageOf(floor.pid());
+            for (int i = 0; i < n && ok; ++i) {
+                const double us = floor.pingPong();
+                ok = us >= 0;
+                floorRtt.push_back(us);
+            }
+            Usage self1 = usageOfSelf(), peer1 = usageOf(floor.pid());
+            pinger.add(self0, self1);
+            peer.add(peer0, peer1);
+            const Usage dev0 = usageOf(devicePid);
+            self0 = usageOfSelf();
+            ok = ok && sdoBlock(n, true);
+            self1 = usageOfSelf();
+            master.add(self0, self1);
+            dev.add(dev0, usageOf(devicePid));
+        }
         QObject::disconnect(c);
-        if (rtt.size() != size_t(reads) || eo.value.toUInt() != 0x00000ABCu) {
+        if (!ok || rtt.size() != size_t(reads) || eo.value.toUInt() != 0x00000ABCu) {
             std::fprintf(stderr, "bench_sdo: expedited reads failed after %zu (error 0x%08X)\n", rtt.size(),
                          eo.lastError);
             device.kill();
             return 1;
         }
+        floorMedianUs = percentile(floorRtt, 0.5);
+        const double floorP99 = percentile(floorRtt, 0.99);
+        std::printf("\nfloor: plain-socket ping-pong, 76 bytes each way, %d rounds (in %d blocks between the reads)\n",
+                    reads, Blocks);
+        std::printf("  round trip median %.1f us, 99%% %.1f us\n", floorMedianUs, floorP99);
+        const Usage none;
+        printUsage("self", none, pinger.total, reads, "round");
+        printUsage("peer", none, peer.total, reads, "round");
+
         const double median = percentile(rtt, 0.5);
         const double p99 = percentile(rtt, 0.99);
         std::printf("\nexpedited read (1018h:01), %d round trips\n", reads);
         std::printf("  median %.1f us (%.2f x floor %.1f us; target <= 100 us and <= 1.4 x: %s)\n", median,
-                    median / floor.medianUs, floor.medianUs,
-                    median <= 100 && median <= 1.4 * floor.medianUs ? "met" : "missed");
-        std::printf("  99%%    %.1f us (%.2f x floor 99%% %.1f us; target <= 250 us: %s)\n", p99,
-                    p99 / floor.p99Us, floor.p99Us, p99 <= 250 ? "met" : "missed");
+                    median / floorMedianUs, floorMedianUs,
+                    median <= 100 && median <= 1.4 * floorMedianUs ? "met" : "missed");
+        std::printf("  99%%    %.1f us (%.2f x floor 99%% %.1f us; target <= 250 us: %s)\n", p99, p99 / floorP99,
+                    floorP99, p99 <= 250 ? "met" : "missed");
         std::printf("  max    %.1f us\n", percentile(rtt, 1.0));
-        printUsage("master", self0, self1, reads, "read");
-        printUsage("device", dev0, dev1, reads, "read");
+        printUsage("master", none, master.total, reads, "read");
+        printUsage("device", none, dev.total, reads, "read");
     }
+    floor.stop();
 
     // ---- 64 KiB transfers of the domain 2002h.
     const QByteArray value = pattern(size);
@@ -528,6 +592,8 @@ int main(int argc, char** argv)
         {"block upload", true, true, 500},
     };
     for (const Transfer& tr : transfers) {
+        if (!QString::fromLatin1(tr.name).contains(only))
+            continue;
         Outcome& o = tr.block ? bo : so;
         std::vector<double> seconds;
         const Usage self0 = usageOfSelf();
@@ -563,7 +629,7 @@ int main(int argc, char** argv)
                     size / 1024.0 / *std::min_element(seconds.begin(), seconds.end()), tr.targetKBps,
                     kbps >= tr.targetKBps ? "met" : "missed");
         std::printf("  %.1f us per segment = %.2f x floor round trip (%.1f us)\n", perSegmentUs,
-                    perSegmentUs / floor.medianUs, floor.medianUs);
+                    perSegmentUs / floorMedianUs, floorMedianUs);
         printUsage("master", self0, self1, repeat * segments, "seg");
         printUsage("device", dev0, dev1, repeat * segments, "seg");
         std::printf("    master CPU %.1f ms, device CPU %.1f ms per transfer\n", (self1.cpuUs - self0.cpuUs) / 1e3 / repeat,

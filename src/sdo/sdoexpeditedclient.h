@@ -30,15 +30,18 @@
 //   queued meanwhile. The same invocation stops the timer once the transfer
 //   has ended. Values handed over are fresh copies owned by the notice only.
 //
-// Wake-ups: an expedited read from the caller's thread costs one wake-up of
-// the adapter's thread to send (if it sleeps) and one of the engine's thread
-// for the result. A segment of a segmented transfer or of a block upload
-// costs no hop: it is answered in the receive thread, whose adapter is awake
-// and takes the frame without being woken. Only a changed progress value is
-// handed to the engine's thread, by a queued call of which at most one is
-// pending at a time (segments arriving meanwhile share it). A block
-// download costs one queued call per segment (the pacing) and one wake-up of
-// the engine's thread per block (the server's confirmation).
+// Wake-ups: an expedited read costs one wake-up of the engine's thread for
+// the result, and on the virtual bus none of the adapter's thread to send
+// (an idle adapter sends from the caller's thread) besides the one for the
+// answer. The delivery is posted after the lock is released, so that the
+// woken thread does not find the lock still held. A segment of a segmented
+// transfer or of a block upload costs no hop: it is answered in the receive
+// thread, whose adapter is awake and takes the frame without being woken.
+// Only a changed progress value is handed to the engine's thread, by a
+// queued call of which at most one is pending at a time (segments arriving
+// meanwhile share it). A block download sends one segment per pass of the
+// engine thread's event loop (a zero-interval timer, no posted event) and
+// costs one wake-up of the engine's thread per block (the confirmation).
 //
 // Lifetime: the receive path holds the lock and a shared core, not the engine;
 // each engine's destructor first detaches the engine from its core, so that a
@@ -122,11 +125,18 @@ protected:
     };
     struct Core {
         CanMutex lock;
-        SDOExpeditedClient* engine = nullptr; // null once the engine is being destroyed
+        // Taken to post a delivery from another thread, after the lock was
+        // released (so that the woken engine thread does not find it held),
+        // and by detachCore.
+        CanMutex postLock;
+        SDOExpeditedClient* engine = nullptr; // null once the engine is being destroyed; written under both locks
     };
 
     CanMutex& lock() const { return mCore->lock; }
     void detachCore();
+
+    // How the notices queued under the lock reach the engine's thread.
+    enum class Delivery { None, Here, Post };
 
     // Run f under the lock, then emit what it queued: here when this is the
     // engine's thread, otherwise by one queued delivery.
@@ -134,24 +144,22 @@ protected:
     auto runLocked(F&& f) -> decltype(f())
     {
         using R = decltype(f());
-        bool deliverHere = false;
+        Delivery delivery = Delivery::None;
         if constexpr (std::is_void<R>::value) {
             {
                 std::lock_guard<CanMutex> guard(mCore->lock);
                 f();
-                deliverHere = scheduleDeliveryLocked();
+                delivery = scheduleDeliveryLocked();
             }
-            if (deliverHere)
-                deliverNotices();
+            deliver(delivery);
         } else {
             R result;
             {
                 std::lock_guard<CanMutex> guard(mCore->lock);
                 result = f();
-                deliverHere = scheduleDeliveryLocked();
+                delivery = scheduleDeliveryLocked();
             }
-            if (deliverHere)
-                deliverNotices();
+            deliver(delivery);
             return result;
         }
     }
@@ -202,7 +210,9 @@ private:
     bool dispatchedBeforeStartLocked() const;
     void init();
     void registerReceiver();
-    bool scheduleDeliveryLocked();
+    Delivery scheduleDeliveryLocked();
+    void deliver(Delivery delivery); // by a caller that holds the engine alive
+    void postDelivery();
     void startTimerForDeadline();
     void expeditedTimeoutLocked();
 

@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <linux/filter.h>
 #include <mutex>
 #include <netinet/in.h>
 #include <poll.h>
@@ -16,6 +17,24 @@
 namespace {
 constexpr int DatagramSize = int(sizeof(CAN::CanMessage)); // 76
 constexpr int IdleWaitMs = 100; // upper bound of one idle wait; close() wakes the loop at once
+
+// Our own transmissions come back to our receive socket (the broadcast
+// reaches every socket bound to the port). A socket filter drops them in the
+// kernel, so that a frame sent from another thread while the loop sleeps does
+// not wake the loop for nothing. The receive step still drops them by source
+// port should the filter be refused.
+void dropOwnDatagrams(int rxFd, quint16 ownPort)
+{
+    sock_filter code[] = {
+        BPF_STMT(BPF_LD | BPF_H | BPF_ABS, 0),               // UDP header: source port
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, ownPort, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, 0),                        // ours: drop
+        BPF_STMT(BPF_RET | BPF_K, 0xFFFFFFFFu),              // keep whole
+    };
+    sock_fprog program = {sizeof code / sizeof code[0], code};
+    if (rxFd >= 0 && ownPort != 0)
+        setsockopt(rxFd, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program);
+}
 
 quint16 portFromEnvironment()
 {
@@ -137,6 +156,18 @@ CAN::RetType DemoCanAdapter::write(CAN::CanMessage* pMessage)
         return CAN::Error;
     {
         std::lock_guard<CanMutex> guard(mLock);
+        // Straight onto the bus from the caller's thread while the loop is
+        // idle, which spares it a wake-up per frame: when no frame waits
+        // before this one (the lock keeps the order across threads), no echo
+        // is wanted (echoes are the loop's to emit), and no received datagram
+        // waits to be handed on. Otherwise the frame is queued, and queued
+        // frames go out one per pass of the loop with a receive step between
+        // two, as they always did (so the second of two frames written while
+        // datagrams wait goes out after those were handed on). The loop's own
+        // writes, made while it hands frames on, are queued too.
+        if (mTxFd >= 0 && mTxQueue.empty() && !mEcho.load() && !receivePendingLocked() && mSleeping.load()
+            && sendLocked(*pMessage))
+            return CAN::Ok;
         mTxQueue.push_back(*pMessage);
     }
     // The loop announces that it is about to wait and then looks at the
@@ -144,6 +175,30 @@ CAN::RetType DemoCanAdapter::write(CAN::CanMessage* pMessage)
     if (mSleeping.load())
         wake();
     return CAN::Ok;
+}
+
+bool DemoCanAdapter::receivePendingLocked() const
+{
+    pollfd fd = {mRxFd, POLLIN, 0};
+    return ::poll(&fd, 1, 0) != 0; // an error counts as pending: the loop will see
+}
+
+// One datagram onto the bus; false when the socket would block (the frame
+// then waits in the queue for the loop).
+bool DemoCanAdapter::sendLocked(CAN::CanMessage msg)
+{
+    // Lengths that are no valid FD length are rounded up (9 -> 12, 13 -> 16, ...).
+    msg.length = dlcToLength(lengthToDlc(msg.length));
+    for (;;) {
+        const ssize_t n = ::sendto(mTxFd, &msg, DatagramSize, MSG_DONTWAIT,
+                                   reinterpret_cast<const sockaddr*>(&mBusSockaddr), sizeof mBusSockaddr);
+        if (n >= 0)
+            return true;
+        if (errno == EINTR)
+            continue;
+        // Anything but a full buffer loses the frame, as a bus error would.
+        return errno != EAGAIN && errno != EWOULDBLOCK;
+    }
 }
 
 CAN::CanTimeStamp DemoCanAdapter::stamp() const
@@ -166,15 +221,14 @@ bool DemoCanAdapter::transmitStep()
     std::lock_guard<CanMutex> guard(mLock);
     if (mTxQueue.empty())
         return false;
-    CAN::CanMessage msg = mTxQueue.front();
+    const CAN::CanMessage msg = mTxQueue.front();
     mTxQueue.pop_front();
-    // Lengths that are no valid FD length are rounded up (9 -> 12, 13 -> 16, ...).
-    msg.length = dlcToLength(lengthToDlc(msg.length));
-    mTxSocket->writeDatagram(reinterpret_cast<const char*>(&msg), DatagramSize, mBusAddress, mActivePort);
+    sendLocked(msg); // with the socket's buffer still full the frame is lost
     if (mEcho.load()) {
         CAN::CanRxMessage echo;
         echo.timeStamp = stamp();
         echo.message = msg;
+        echo.message.length = dlcToLength(lengthToDlc(msg.length));
         echo.echo = true;
         mEchoQueue.append(echo);
     }
@@ -256,6 +310,16 @@ void DemoCanAdapter::run()
     // looped-back datagrams apart, is known before the first frame goes out.
     mTxSocket->bind(QHostAddress(QHostAddress::AnyIPv4), quint16(0));
     mTxLocalPort = mTxSocket->localPort();
+    dropOwnDatagrams(rxFd, mTxLocalPort);
+    {
+        std::lock_guard<CanMutex> guard(mLock);
+        mBusSockaddr = sockaddr_in{};
+        mBusSockaddr.sin_family = AF_INET;
+        mBusSockaddr.sin_port = htons(mActivePort);
+        mBusSockaddr.sin_addr.s_addr = htonl(mBusAddress.toIPv4Address());
+        mTxFd = int(mTxSocket->socketDescriptor());
+        mRxFd = rxFd;
+    }
 
     pollfd fds[2] = {{rxFd, POLLIN, 0}, {mWakeFd, POLLIN, 0}};
     while (mRunning.load()) {
@@ -281,6 +345,10 @@ void DemoCanAdapter::run()
         mSleeping.store(false);
     }
     // Each start creates fresh sockets, so free these ones now.
+    {
+        std::lock_guard<CanMutex> guard(mLock);
+        mTxFd = mRxFd = -1;
+    }
     delete mTxSocket;
     delete mRxSocket;
     mTxSocket = mRxSocket = nullptr;

@@ -10,6 +10,7 @@
 #include <QVector>
 #include <atomic>
 #include <deque>
+#include <netinet/in.h>
 
 class QTimer;
 class QUdpSocket;
@@ -62,6 +63,8 @@ protected:
 
 private:
     bool transmitStep();
+    bool sendLocked(CAN::CanMessage msg);
+    bool receivePendingLocked() const;
     CAN::CanTimeStamp stamp() const;
     void wake();
     void stopLoop();
@@ -78,6 +81,11 @@ private:
     QVector<CAN::CanRxMessage> mEchoQueue; // adapter thread only
     std::deque<CAN::CanMessage> mTxQueue;  // guarded by mLock
     CanMutex mLock;
+    // The running loop's sockets and the bus address, for sending from any
+    // thread under mLock; -1 while no loop runs. (guarded by mLock)
+    int mTxFd = -1;
+    int mRxFd = -1;
+    sockaddr_in mBusSockaddr{};
     std::atomic<quint16> mPort{DefaultPort};
     quint16 mActivePort = DefaultPort;     // port of the running loop
     quint16 mTxLocalPort = 0;
