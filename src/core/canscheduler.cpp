@@ -48,6 +48,10 @@ CanScheduler::~CanScheduler()
 void CanScheduler::connectToAdapter(bool connect)
 {
     if (connect) {
+        // The adapter's thread may deliver a frame as soon as the connection
+        // exists. Qt hands the connection over under a lock ThreadSanitizer
+        // cannot see; tell it that the scheduler was complete before.
+        tsanRelease(this);
         if (mAdapter)
             QObject::connect(mAdapter, &AbstractCanAdapter::newCanMessage, this,
                              &CanScheduler::newRawCanMessage, Qt::DirectConnection);
@@ -96,7 +100,7 @@ quint64 CanScheduler::currentDispatch(const CanScheduler* scheduler)
 
 void CanScheduler::newRawCanMessage(CAN::CanRxMessage* pMessage)
 {
-    const quint64 number = mDispatched.fetch_add(1, std::memory_order_acq_rel) + 1;
+    tsanAcquire(this); // see connectToAdapter
     const quint32 id = pMessage->message.id;
     // Never stall the receive loop behind a registering service: wait 2 ms at most.
     if (!mLock.tryLock(2)) {
@@ -116,6 +120,9 @@ void CanScheduler::newRawCanMessage(CAN::CanRxMessage* pMessage)
             snapshot.append(sender);
     }
     mActiveWalks.fetch_add(1, std::memory_order_acq_rel);
+    // Numbered under the lock: a registration (which takes it too) comes
+    // before the first number, and with it the scheduler's construction.
+    const quint64 number = mDispatched.fetch_add(1, std::memory_order_acq_rel) + 1;
     mLock.unlock();
 
     const DispatchScope scope(this, number);

@@ -27,8 +27,8 @@ public:
     CanSender* registerCanId(quint32 id);
     void unregisterCan(CanSender* sender);
 
-    // Every received frame gets a number, counting from 1, when its dispatch
-    // begins. A receiver that starts a request while a frame is still being
+    // Every received frame with a registered identifier gets a number,
+    // counting from 1, when its dispatch begins. A receiver that starts a request while a frame is still being
     // handed to the receivers one after the other (from another thread, or
     // from a receiver's slot) can tell that frame from the answers to its
     // request: their numbers are higher than dispatchCount() read before the

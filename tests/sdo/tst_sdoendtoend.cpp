@@ -209,13 +209,14 @@ class tst_SDOEndToEnd : public QObject
         muteAfter.store(n);
     }
 
-    // A further request on every engine is accepted and served.
-    void checkEnginesServeAgain(Engines& e, quint8 node)
+    // A further request on every engine of node 5 is accepted and served.
+    void checkEnginesServeAgain()
     {
+        Engines& e = *engines;
         QVERIFY(!e.expedited.isBusy());
         QVERIFY(!e.segmented.isBusy());
         QVERIFY(!e.block.isBusy());
-        const QVariant serial(uint(0x5D000000u | node)); // 1018h:04
+        const QVariant serial(uint(0x5D000000u | Node)); // 1018h:04
         for (Op op : {ExpeditedRead, SegmentedRead, BlockRead}) {
             SDOExpeditedClient* engine = e.engineFor(op);
             Spies spies(engine);
@@ -483,6 +484,33 @@ private Q_SLOTS:
         QVERIFY(!engine->isBusy());
     }
 
+    // Sizes at the edges of a segment (7 bytes), of the expedited answer a
+    // server gives for up to 4 bytes, and of a block (127 segments).
+    void edgeSizes_data()
+    {
+        QTest::addColumn<bool>("block");
+        QTest::addColumn<int>("size");
+        for (int size : {1, 4, 5, 6, 7, 8, 14, 888, 889, 890, 1778}) {
+            QTest::addRow("segmented, %d bytes", size) << false << size;
+            QTest::addRow("block, %d bytes", size) << true << size;
+        }
+    }
+    void edgeSizes()
+    {
+        QFETCH(bool, block);
+        QFETCH(int, size);
+        const QByteArray value = randomBytes(size, quint32(size));
+        Spies spies(engines->engineFor(block ? BlockWrite : SegmentedWrite));
+        QCOMPARE(engines->start(block ? BlockWrite : SegmentedWrite, 0x2002, 0, CAN::DOMAIN, value), CAN::Ok);
+        QVERIFY(spies.wait(1));
+        QCOMPARE(spies.errors.count(), 0);
+        QVERIFY(od.value(0x2002, 0) == value);
+        QCOMPARE(engines->start(block ? BlockRead : SegmentedRead, 0x2002, 0), CAN::Ok);
+        QVERIFY(spies.wait(2));
+        QCOMPARE(spies.errors.count(), 0);
+        QCOMPARE(spies.results.at(1).at(2).toByteArray(), value);
+    }
+
     // An empty value replaces the stored one.
     void emptyDownload_data()
     {
@@ -501,7 +529,7 @@ private Q_SLOTS:
         QCOMPARE(spies.errors.count(), 0);
         QCOMPARE(spies.results.at(0).at(2), QVariant(int(0)));
         QCOMPARE(od.value(0x2005, 0), QByteArray());
-        checkEnginesServeAgain(*engines, Node);
+        checkEnginesServeAgain();
     }
 
     // ---------------------------------------------------------------- aborts
@@ -581,7 +609,7 @@ private Q_SLOTS:
         // segmented offer without a word; the next request replaces it.)
         if (code != 0x08000000)
             QCOMPARE(server->state(), SdoServer::Idle);
-        checkEnginesServeAgain(*engines, Node);
+        checkEnginesServeAgain();
         QCOMPARE(spies.errors.count(), 1);
     }
 
@@ -699,7 +727,7 @@ private Q_SLOTS:
         // abort reaches an idle engine and is ignored); then all is served.
         muteAfter.store(-1);
         QTRY_COMPARE_WITH_TIMEOUT(server->state(), SdoServer::Idle, Outcome);
-        checkEnginesServeAgain(*engines, Node);
+        checkEnginesServeAgain();
         QCOMPARE(spies.errors.count(), 1);
     }
 
@@ -738,7 +766,7 @@ private Q_SLOTS:
         QVERIFY(!engine->isBusy());
         QTRY_COMPARE_WITH_TIMEOUT(server->state(), SdoServer::Idle, Outcome);
         QVERIFY(od.value(0x2002, 0) == stored);
-        checkEnginesServeAgain(*engines, Node);
+        checkEnginesServeAgain();
         QCOMPARE(spies.errors.count(), 1); // nothing more from the aborted transfer
     }
 
