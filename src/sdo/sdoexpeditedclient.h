@@ -31,8 +31,7 @@
 //   has ended. Values handed over are fresh copies owned by the notice only.
 //
 // Wake-ups: an expedited read costs one wake-up of the engine's thread for
-// the result, and on the virtual bus none of the adapter's thread to send
-// (an idle adapter sends from the caller's thread) besides the one for the
+// the result, besides those of the adapter's thread to send and for the
 // answer. The delivery is posted after the lock is released, so that the
 // woken thread does not find the lock still held. A segment of a segmented
 // transfer or of a block upload costs no hop: it is answered in the receive
@@ -40,8 +39,9 @@
 // Only a changed progress value is handed to the engine's thread, by a
 // queued call of which at most one is pending at a time (segments arriving
 // meanwhile share it). A block download sends one segment per pass of the
-// engine thread's event loop (a zero-interval timer, no posted event) and
-// costs one wake-up of the engine's thread per block (the confirmation).
+// engine thread's event loop (a zero-interval timer, no posted event; the
+// virtual bus sends it from this thread while option 26 is set) and costs
+// one wake-up of the engine's thread per block (the confirmation).
 //
 // Lifetime: the receive path holds the lock and a shared core, not the engine;
 // each engine's destructor first detaches the engine from its core, so that a

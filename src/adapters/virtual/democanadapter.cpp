@@ -122,6 +122,8 @@ bool DemoCanAdapter::setCanAdapterOption(AbstractCanAdapter::AdapterOption optio
         mPort.store(quint16(port)); // used from the next open()
         return true;
     }
+    if (option == SdoTransferActive)
+        mStreaming.store(value.toBool(), std::memory_order_relaxed); // see write()
     return AbstractCanAdapter::setCanAdapterOption(option, value);
 }
 
@@ -156,17 +158,25 @@ CAN::RetType DemoCanAdapter::write(CAN::CanMessage* pMessage)
         return CAN::Error;
     {
         std::lock_guard<CanMutex> guard(mLock);
-        // Straight onto the bus from the caller's thread while the loop is
-        // idle, which spares it a wake-up per frame: when no frame waits
-        // before this one (the lock keeps the order across threads), no echo
-        // is wanted (echoes are the loop's to emit), and no received datagram
-        // waits to be handed on. Otherwise the frame is queued, and queued
-        // frames go out one per pass of the loop with a receive step between
-        // two, as they always did (so the second of two frames written while
-        // datagrams wait goes out after those were handed on). The loop's own
-        // writes, made while it hands frames on, are queued too.
-        if (mTxFd >= 0 && mTxQueue.empty() && !mEcho.load() && !receivePendingLocked() && mSleeping.load()
-            && sendLocked(*pMessage))
+        // While an SDO transfer of many frames runs (option 26), a frame
+        // written from another thread goes straight onto the bus from that
+        // thread if the loop is idle: a block download writes one segment per
+        // pass of its event loop, and each would otherwise cost a wake-up of
+        // the loop. Only when no frame waits before this one (the lock keeps
+        // the order across threads), no echo is wanted (echoes are the loop's
+        // to emit) and no received datagram waits to be handed on; otherwise
+        // the frame is queued, and queued frames go out one per pass of the
+        // loop with a receive step between two, as they always did.
+        // A single request (no transfer running) is handed to the loop. The
+        // caller goes on working after write() (back into its event loop),
+        // and a receiver woken by a send from its thread tends to be put on
+        // its processor and to wait for it, while the loop sends and goes back
+        // to sleep at once: on a 2-core machine an expedited SDO round trip
+        // took about 70 us with the direct send and 53 us through the loop.
+        // (The first look at the sleeping flag spares the loop's own writes
+        // the look at the socket; the second, after it, is the one that counts.)
+        if (mStreaming.load(std::memory_order_relaxed) && mTxFd >= 0 && mTxQueue.empty() && !mEcho.load()
+            && mSleeping.load() && !receivePendingLocked() && mSleeping.load() && sendLocked(*pMessage))
             return CAN::Ok;
         mTxQueue.push_back(*pMessage);
     }

@@ -91,6 +91,7 @@ private:
     quint16 mTxLocalPort = 0;
     int mWakeFd = -1;                      // eventfd: a frame was queued or close() was called
     std::atomic<bool> mSleeping{false};
+    std::atomic<bool> mStreaming{false}; // option 26: an SDO transfer of many frames runs
 };
 
 #endif
