@@ -591,9 +591,20 @@ int main(int argc, char** argv)
         {"block download", false, true, 500},
         {"block upload", true, true, 500},
     };
+    bool domainHoldsValue = false;
     for (const Transfer& tr : transfers) {
         if (!QString::fromLatin1(tr.name).contains(only))
             continue;
+        if (tr.upload && !domainHoldsValue) {
+            // No download ran before: put the value there first, untimed.
+            const int before = bo.results;
+            if (block.write(0x2002, 0, value) != CAN::Ok || !waitUntil([&] { return bo.results != before; }, 60000)) {
+                std::fprintf(stderr, "bench_sdo: cannot store the value to upload\n");
+                device.kill();
+                return 1;
+            }
+            domainHoldsValue = true;
+        }
         Outcome& o = tr.block ? bo : so;
         std::vector<double> seconds;
         const Usage self0 = usageOfSelf();
@@ -616,6 +627,7 @@ int main(int argc, char** argv)
         }
         const Usage self1 = usageOfSelf();
         const Usage dev1 = usageOf(devicePid);
+        domainHoldsValue = domainHoldsValue || (ok && !tr.upload);
         if (!ok) {
             std::fprintf(stderr, "bench_sdo: %s failed (error 0x%08X)\n", tr.name, o.lastError);
             device.kill();

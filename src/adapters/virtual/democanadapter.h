@@ -10,7 +10,6 @@
 #include <QVector>
 #include <atomic>
 #include <deque>
-#include <netinet/in.h>
 
 class QTimer;
 class QUdpSocket;
@@ -81,11 +80,12 @@ private:
     QVector<CAN::CanRxMessage> mEchoQueue; // adapter thread only
     std::deque<CAN::CanMessage> mTxQueue;  // guarded by mLock
     CanMutex mLock;
-    // The running loop's sockets and the bus address, for sending from any
+    // The running loop's sockets and where it sends, for sending from any
     // thread under mLock; -1 while no loop runs. (guarded by mLock)
     int mTxFd = -1;
     int mRxFd = -1;
-    sockaddr_in mBusSockaddr{};
+    quint32 mBusIp = 0;
+    quint16 mTxPort = 0;
     std::atomic<quint16> mPort{DefaultPort};
     quint16 mActivePort = DefaultPort;     // port of the running loop
     quint16 mTxLocalPort = 0;
