@@ -7,6 +7,30 @@
 #include <QVarLengthArray>
 #include <mutex>
 
+namespace {
+// The dispatch running in this thread (receivers may inject frames of their
+// own, so dispatches can nest: each restores the one it interrupted).
+struct DispatchMark {
+    const CanScheduler* scheduler = nullptr;
+    quint64 number = 0;
+};
+thread_local DispatchMark currentMark;
+
+class DispatchScope
+{
+public:
+    DispatchScope(const CanScheduler* scheduler, quint64 number)
+        : mPrevious(currentMark)
+    {
+        currentMark = {scheduler, number};
+    }
+    ~DispatchScope() { currentMark = mPrevious; }
+
+private:
+    DispatchMark mPrevious;
+};
+} // namespace
+
 CanScheduler::CanScheduler(AbstractCanAdapter* adapter)
     : QObject(nullptr)
     , mAdapter(adapter)
@@ -24,6 +48,10 @@ CanScheduler::~CanScheduler()
 void CanScheduler::connectToAdapter(bool connect)
 {
     if (connect) {
+        // The adapter's thread may deliver a frame as soon as the connection
+        // exists. Qt hands the connection over under a lock ThreadSanitizer
+        // cannot see; tell it that the scheduler was complete before.
+        tsanRelease(this);
         if (mAdapter)
             QObject::connect(mAdapter, &AbstractCanAdapter::newCanMessage, this,
                              &CanScheduler::newRawCanMessage,
@@ -67,8 +95,14 @@ void CanScheduler::unregisterCan(CanSender* sender)
         delete sender;
 }
 
+quint64 CanScheduler::currentDispatch(const CanScheduler* scheduler)
+{
+    return scheduler && currentMark.scheduler == scheduler ? currentMark.number : 0;
+}
+
 void CanScheduler::newRawCanMessage(CAN::CanRxMessage* pMessage)
 {
+    tsanAcquire(this); // see connectToAdapter
     const quint32 id = pMessage->message.id;
     // Never stall the receive loop behind a registering service: wait 2 ms at most.
     if (!mLock.tryLock(2)) {
@@ -93,8 +127,12 @@ void CanScheduler::newRawCanMessage(CAN::CanRxMessage* pMessage)
     if (group != mById.end())
         snapshot.append(group->second.data(), int(group->second.size()));
     mActiveWalks.fetch_add(1, std::memory_order_acq_rel);
+    // Numbered under the lock: a registration (which takes it too) comes
+    // before the first number, and with it the scheduler's construction.
+    const quint64 number = mDispatched.fetch_add(1, std::memory_order_acq_rel) + 1;
     mLock.unlock();
 
+    const DispatchScope scope(this, number);
     for (CanSender* sender : qAsConst(snapshot)) {
         // Unregistered after the snapshot was taken: stop here.
         if (sender->mRetired.load(std::memory_order_acquire)) {

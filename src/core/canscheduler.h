@@ -29,6 +29,17 @@ public:
     CanSender* registerCanId(quint32 id);
     void unregisterCan(CanSender* sender);
 
+    // Every received frame with a registered identifier gets a number,
+    // counting from 1, when its dispatch begins. A receiver that starts a
+    // request while a frame is still being handed to the receivers one after
+    // the other (from another thread, or from a receiver's slot) can tell
+    // that frame from the answers to its request: their numbers are higher
+    // than dispatchCount() read before the request was sent.
+    quint64 dispatchCount() const { return mDispatched.load(std::memory_order_acquire); }
+    // The number of the frame `scheduler` is dispatching in the calling
+    // thread right now; 0 outside a dispatch of that scheduler.
+    static quint64 currentDispatch(const CanScheduler* scheduler);
+
 public Q_SLOTS:
     void newRawCanMessage(CAN::CanRxMessage* pMessage);
 
@@ -50,6 +61,7 @@ private:
     std::atomic<int> mActiveWalks{0};
     std::atomic<bool> mHaveRetired{false};
     QVector<CanSender*> mRetired;
+    std::atomic<quint64> mDispatched{0};
 };
 
 #endif

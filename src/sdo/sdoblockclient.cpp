@@ -12,18 +12,27 @@ constexpr int TxQueueRetryMs = 10;
 SDOBlockClient::SDOBlockClient(QObject* parent)
     : SDOExpeditedClient(parent)
 {
-    connect(this, &SDOBlockClient::sendBlock, this, &SDOBlockClient::sendBlockMessages);
-    connect(this, &SDOBlockClient::sendLast, this, &SDOBlockClient::sendLastMessage);
-    connect(this, &SDOBlockClient::sendAbort, this, &SDOBlockClient::letssendAbort);
+    init();
 }
 
 SDOBlockClient::SDOBlockClient(quint32 clientRxCobId, quint32 serverCobId, CanScheduler* scheduler,
                                QObject* parent)
     : SDOExpeditedClient(clientRxCobId, serverCobId, scheduler, parent)
 {
+    init();
+}
+
+void SDOBlockClient::init()
+{
     connect(this, &SDOBlockClient::sendBlock, this, &SDOBlockClient::sendBlockMessages);
     connect(this, &SDOBlockClient::sendLast, this, &SDOBlockClient::sendLastMessage);
     connect(this, &SDOBlockClient::sendAbort, this, &SDOBlockClient::letssendAbort);
+    // The download's pacing: a zero-interval timer fires once per pass of
+    // the event loop, so that frames and timers are handled between two
+    // segments, without posting an event (and waking the loop) per segment.
+    mPump = new QTimer(this);
+    mPump->setInterval(0);
+    connect(mPump, &QTimer::timeout, this, &SDOBlockClient::pumpSegment);
 }
 
 SDOBlockClient::~SDOBlockClient()
@@ -129,6 +138,7 @@ CAN::RetType SDOBlockClient::write(quint16 idx, quint8 sub, QByteArray value)
         index = idx;
         subIndex = sub;
         ++mPumpTicket;
+        beginTransferLocked();
         if (sendLocked(initiateDownloadFrame(serverCobId, idx, sub, size)) != CAN::Ok) {
             setTransferOptionLocked(false);
             return CAN::Error;
@@ -156,6 +166,7 @@ CAN::RetType SDOBlockClient::read(quint16 idx, quint8 sub)
         index = idx;
         subIndex = sub;
         ++mPumpTicket;
+        beginTransferLocked();
         if (sendLocked(initiateUploadFrame(serverCobId, idx, sub, UploadBlockSize)) != CAN::Ok) {
             setTransferOptionLocked(false);
             return CAN::Error;
@@ -199,13 +210,27 @@ void SDOBlockClient::writeNextBlock()
     runLocked([&] { writeSegmentLocked(mPumpTicket); });
 }
 
+// Called in the engine's thread, under the lock.
 void SDOBlockClient::scheduleSegment(quint32 ticket, int delayMs)
 {
-    auto next = [this, ticket] { runLocked([&] { writeSegmentLocked(ticket); }); };
-    if (delayMs == 0)
-        QMetaObject::invokeMethod(this, next, Qt::QueuedConnection); // lets frames in between
-    else
-        QTimer::singleShot(delayMs, this, next);
+    if (delayMs == 0) {
+        mPumpDue = true;
+        mPumpDueTicket = ticket;
+        if (!mPump->isActive())
+            mPump->start();
+        return;
+    }
+    QTimer::singleShot(delayMs, this, [this, ticket] { runLocked([&] { writeSegmentLocked(ticket); }); });
+}
+
+void SDOBlockClient::pumpSegment()
+{
+    runLocked([&] {
+        mPumpDue = false;
+        writeSegmentLocked(mPumpDueTicket);
+        if (!mPumpDue)
+            mPump->stop(); // the block is out, or the transfer ended
+    });
 }
 
 void SDOBlockClient::writeSegmentLocked(quint32 ticket)

@@ -5,13 +5,15 @@
 
 #include <QByteArray>
 
+class QTimer;
+
 // Reads and writes long values with CiA 301 block transfer: blocks of up to
 // 127 segments of 7 bytes, each block confirmed once by the server. No CRC is
 // computed or checked.
 //
 // Threads as described in sdoexpeditedclient.h. The download's segments are
-// paced in the engine's thread, one queued call per segment, so that frames
-// and timers are handled between two segments; the server's answers, and in
+// paced in the engine's thread, one per pass of its event loop, so that
+// frames and timers are handled between two segments; the server's answers, and in
 // an upload the start, confirmation and end frames, are handled and sent in
 // the adapter's receive thread.
 class CANOPENMASTER_EXPORT SDOBlockClient : public SDOExpeditedClient
@@ -76,7 +78,11 @@ protected:
     quint8 blockSize = 0;
     quint8 seqNo = 0;
 
+private Q_SLOTS:
+    void pumpSegment();
+
 private:
+    void init();
     void handleDownloadLocked(const CAN::CanMessage& frame);
     void handleUploadLocked(const CAN::CanMessage& frame);
     void writeSegmentLocked(quint32 ticket);
@@ -91,6 +97,9 @@ private:
     // Identifies the running chain of paced segments; a new block, an end or
     // an abort starts a new one, so that a call still queued does nothing.
     quint32 mPumpTicket = 0;
+    QTimer* mPump = nullptr;    // engine's thread only
+    bool mPumpDue = false;      // guarded by the lock
+    quint32 mPumpDueTicket = 0; // guarded by the lock
 };
 
 #endif

@@ -54,8 +54,9 @@ SDOExpeditedClient::~SDOExpeditedClient()
 
 void SDOExpeditedClient::detachCore()
 {
-    // After this no receive thread enters the engine: frameArrived checks the
-    // pointer under the same lock.
+    // After this no receive thread enters the engine or posts to it:
+    // frameArrived checks the pointer under these locks.
+    std::lock_guard<CanMutex> postGuard(mCore->postLock);
     std::lock_guard<CanMutex> guard(mCore->lock);
     mCore->engine = nullptr;
 }
@@ -275,6 +276,7 @@ CAN::RetType SDOExpeditedClient::read(quint16 idx, quint8 sub, CAN::CANopenDataT
             return CAN::Error;
         busy = 1;
         direction = 1;
+        beginTransferLocked();
         if (sdoTimeout != 0)
             superviseLocked(sdoTimeout);
         const CAN::RetType r = sendLocked(sdoFrame(serverCobId, 0x40, idx, sub));
@@ -307,6 +309,7 @@ CAN::RetType SDOExpeditedClient::write(quint16 idx, quint8 sub, CAN::CANopenData
         direction = 2;
         busy = 1;
         writeValue = value;
+        beginTransferLocked();
         if (sendLocked(frame) != CAN::Ok) {
             busy = 0;
             writeValue = QVariant();
@@ -341,19 +344,37 @@ CAN::RetType SDOExpeditedClient::abort(quint32 abortCode)
 void SDOExpeditedClient::frameArrived(const std::shared_ptr<Core>& core, const CAN::CanRxMessage& message)
 {
     SDOExpeditedClient* engine = nullptr;
-    bool deliverHere = false;
+    Delivery delivery = Delivery::None;
     {
         std::lock_guard<CanMutex> guard(core->lock);
         engine = core->engine;
-        if (!engine)
+        if (!engine || engine->dispatchedBeforeStartLocked())
             return;
         engine->handleFrameLocked(message.message);
-        deliverHere = engine->scheduleDeliveryLocked();
+        delivery = engine->scheduleDeliveryLocked();
     }
-    // Only true in the engine's own thread, where the engine cannot be
-    // destroyed behind our back.
-    if (deliverHere)
+    if (delivery == Delivery::Here) {
+        // Only in the engine's own thread, where the engine cannot be
+        // destroyed behind our back.
         engine->deliverNotices();
+    } else if (delivery == Delivery::Post) {
+        // The engine may be going away in its thread meanwhile: post only
+        // while detachCore has not run (it waits for this lock).
+        std::lock_guard<CanMutex> guard(core->postLock);
+        if (core->engine)
+            core->engine->postDelivery();
+    }
+}
+
+bool SDOExpeditedClient::dispatchedBeforeStartLocked() const
+{
+    // All engines of one node share its answer COB-ID, and the dispatcher
+    // hands each frame to them one after the other. When one engine ends its
+    // transfer on a frame and its user starts another engine at once, the
+    // same frame may still be on its way to that engine: it is no answer to
+    // the new request.
+    const quint64 number = CanScheduler::currentDispatch(mScheduler.data());
+    return number != 0 && number <= mStartDispatch;
 }
 
 void SDOExpeditedClient::newCanMessageReceived(CAN::CanRxMessage message)
@@ -424,6 +445,11 @@ void SDOExpeditedClient::checkDeadline()
         mDeadlineMs = 0;
         expireLocked();
     });
+}
+
+void SDOExpeditedClient::beginTransferLocked()
+{
+    mStartDispatch = mScheduler ? mScheduler->dispatchCount() : 0;
 }
 
 void SDOExpeditedClient::superviseLocked(quint32 ms)
@@ -531,19 +557,32 @@ void SDOExpeditedClient::queueErrorLocked(quint16 idx, quint8 sub, quint32 code)
     mNotices.push_back(std::move(n));
 }
 
-bool SDOExpeditedClient::scheduleDeliveryLocked()
+SDOExpeditedClient::Delivery SDOExpeditedClient::scheduleDeliveryLocked()
 {
     if (mNotices.empty())
-        return false;
+        return Delivery::None;
     if (inEngineThread())
-        return true;
-    if (!mDeliveryPosted) {
-        // One queued call takes every notice queued until it runs. Posted
-        // under the lock: the engine is alive (see detachCore).
-        mDeliveryPosted = true;
-        QMetaObject::invokeMethod(this, &SDOExpeditedClient::deliverNotices, Qt::QueuedConnection);
-    }
-    return false;
+        return Delivery::Here;
+    if (mDeliveryPosted)
+        return Delivery::None;
+    // One queued call takes every notice queued until it runs. It is posted
+    // once the lock is released: posting wakes the engine's thread, which
+    // would otherwise find the lock still held and have to wait for it.
+    mDeliveryPosted = true;
+    return Delivery::Post;
+}
+
+void SDOExpeditedClient::deliver(Delivery delivery)
+{
+    if (delivery == Delivery::Here)
+        deliverNotices();
+    else if (delivery == Delivery::Post)
+        postDelivery();
+}
+
+void SDOExpeditedClient::postDelivery()
+{
+    QMetaObject::invokeMethod(this, &SDOExpeditedClient::deliverNotices, Qt::QueuedConnection);
 }
 
 void SDOExpeditedClient::deliverNotices()

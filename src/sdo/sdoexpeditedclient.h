@@ -12,6 +12,11 @@
 //   and the next segment or segment request of a segmented transfer, and the
 //   start, confirmation and end frames of a block upload, go out from there at
 //   once.
+// - The engines of one node share its answer COB-ID and each gets every
+//   frame of it, one after the other. A frame whose dispatch began before a
+//   transfer started is no answer to it (CanScheduler::dispatchCount): the
+//   frame that ends one engine's transfer may still be on its way to another
+//   engine when the caller, woken by the outcome, starts that one.
 // - All transfer state is guarded by one lock (Core::lock). Frames are written
 //   while it is held, so that the wire sees them in state-machine order.
 // - The time-out is a deadline: every frame sent or accepted moves the "last
@@ -25,15 +30,18 @@
 //   queued meanwhile. The same invocation stops the timer once the transfer
 //   has ended. Values handed over are fresh copies owned by the notice only.
 //
-// Wake-ups: an expedited read from the caller's thread costs one wake-up of
-// the adapter's thread to send (if it sleeps) and one of the engine's thread
-// for the result. A segment of a segmented transfer or of a block upload
-// costs no hop: it is answered in the receive thread, whose adapter is awake
-// and takes the frame without being woken. Only a changed progress value is
-// handed to the engine's thread, by a queued call of which at most one is
-// pending at a time (segments arriving meanwhile share it). A block
-// download costs one queued call per segment (the pacing) and one wake-up of
-// the engine's thread per block (the server's confirmation).
+// Wake-ups: an expedited read costs one wake-up of the engine's thread for
+// the result, besides those of the adapter's thread to send and for the
+// answer. The delivery is posted after the lock is released, so that the
+// woken thread does not find the lock still held. A segment of a segmented
+// transfer or of a block upload costs no hop: it is answered in the receive
+// thread, whose adapter is awake and takes the frame without being woken.
+// Only a changed progress value is handed to the engine's thread, by a
+// queued call of which at most one is pending at a time (segments arriving
+// meanwhile share it). A block download sends one segment per pass of the
+// engine thread's event loop (a zero-interval timer, no posted event; the
+// virtual bus sends it from this thread while option 26 is set) and costs
+// one wake-up of the engine's thread per block (the confirmation).
 //
 // Lifetime: the receive path holds the lock and a shared core, not the engine;
 // each engine's destructor first detaches the engine from its core, so that a
@@ -117,11 +125,18 @@ protected:
     };
     struct Core {
         CanMutex lock;
-        SDOExpeditedClient* engine = nullptr; // null once the engine is being destroyed
+        // Taken to post a delivery from another thread, after the lock was
+        // released (so that the woken engine thread does not find it held),
+        // and by detachCore.
+        CanMutex postLock;
+        SDOExpeditedClient* engine = nullptr; // null once the engine is being destroyed; written under both locks
     };
 
     CanMutex& lock() const { return mCore->lock; }
     void detachCore();
+
+    // How the notices queued under the lock reach the engine's thread.
+    enum class Delivery { None, Here, Post };
 
     // Run f under the lock, then emit what it queued: here when this is the
     // engine's thread, otherwise by one queued delivery.
@@ -129,24 +144,22 @@ protected:
     auto runLocked(F&& f) -> decltype(f())
     {
         using R = decltype(f());
-        bool deliverHere = false;
+        Delivery delivery = Delivery::None;
         if constexpr (std::is_void<R>::value) {
             {
                 std::lock_guard<CanMutex> guard(mCore->lock);
                 f();
-                deliverHere = scheduleDeliveryLocked();
+                delivery = scheduleDeliveryLocked();
             }
-            if (deliverHere)
-                deliverNotices();
+            deliver(delivery);
         } else {
             R result;
             {
                 std::lock_guard<CanMutex> guard(mCore->lock);
                 result = f();
-                deliverHere = scheduleDeliveryLocked();
+                delivery = scheduleDeliveryLocked();
             }
-            if (deliverHere)
-                deliverNotices();
+            deliver(delivery);
             return result;
         }
     }
@@ -155,6 +168,9 @@ protected:
     CAN::RetType sendLocked(CAN::CanMessage frame);
     bool hasAdapterLocked() const;
     void setTransferOptionLocked(bool active);
+    // A transfer starts: called before its first request is sent. Frames
+    // whose dispatch began before this point are not answers to it.
+    void beginTransferLocked();
     void superviseLocked(quint32 ms);  // start the time-out for a transfer
     void touchLocked();                // a frame went out or came in
     void stopTimerLocked();
@@ -191,9 +207,12 @@ private Q_SLOTS:
 
 private:
     static void frameArrived(const std::shared_ptr<Core>& core, const CAN::CanRxMessage& message);
+    bool dispatchedBeforeStartLocked() const;
     void init();
     void registerReceiver();
-    bool scheduleDeliveryLocked();
+    Delivery scheduleDeliveryLocked();
+    void deliver(Delivery delivery); // by a caller that holds the engine alive
+    void postDelivery();
     void startTimerForDeadline();
     void expeditedTimeoutLocked();
 
@@ -202,6 +221,7 @@ private:
     bool mDeliveryPosted = false;     // guarded by the lock
     bool mDelivering = false;         // engine's thread only
     qint64 mLastActivityNs = 0;       // guarded by the lock
+    quint64 mStartDispatch = 0;       // guarded by the lock; see beginTransferLocked
     quint32 mDeadlineMs = 0;          // guarded by the lock; 0: no time-out running
 };
 

@@ -104,6 +104,7 @@ CAN::RetType SDOSegmentedClient::write(quint16 idx, quint8 sub, QByteArray value
         subIndex = sub;
         segmentCount = 0;
         inFlight = 0; // unanswered segments of an earlier, aborted transfer do not count
+        beginTransferLocked();
         if (sendLocked(initiateDownloadFrame(serverCobId, idx, sub, size)) != CAN::Ok) {
             setTransferOptionLocked(false);
             return CAN::Error;
@@ -133,6 +134,7 @@ CAN::RetType SDOSegmentedClient::read(quint16 idx, quint8 sub)
         inFlight = 0;
         index = idx;
         subIndex = sub;
+        beginTransferLocked();
         if (sendLocked(sdoFrame(serverCobId, 0x40, idx, sub)) != CAN::Ok) {
             setTransferOptionLocked(false);
             return CAN::Error;

@@ -161,6 +161,47 @@ private Q_SLOTS:
         scheduler.unregisterCan(s);
     }
 
+    // Each frame for a registered identifier is numbered when its dispatch
+    // begins; receivers see the number of the frame they are handed, also
+    // across a nested dispatch, and only for their own scheduler.
+    void framesAreNumberedAsTheirDispatchBegins()
+    {
+        RecordingCanAdapter adapter;
+        RecordingCanAdapter otherAdapter;
+        CanScheduler scheduler(&adapter);
+        CanScheduler other(&otherAdapter);
+        scheduler.connectToAdapter(true);
+        other.connectToAdapter(true);
+        QCOMPARE(scheduler.dispatchCount(), quint64(0));
+        QCOMPARE(CanScheduler::currentDispatch(&scheduler), quint64(0));
+
+        CanSender* s = scheduler.registerCanId(0x181);
+        CanSender* o = other.registerCanId(0x182);
+        QList<quint64> seen; // at 0x181 for both schedulers (and after a nested frame), at 0x182 for both
+        connect(s, ReceivedFrame, this, [&](CAN::CanRxMessage m) {
+            seen << CanScheduler::currentDispatch(&scheduler) << CanScheduler::currentDispatch(&other);
+            if (m.message.data[0] == 0x11) {
+                otherAdapter.inject(makeRxFrame(0x182, {0x22}));
+                seen << CanScheduler::currentDispatch(&scheduler);
+            }
+        }, Qt::DirectConnection);
+        connect(o, ReceivedFrame, this, [&] {
+            seen << CanScheduler::currentDispatch(&other) << CanScheduler::currentDispatch(&scheduler);
+        }, Qt::DirectConnection);
+
+        adapter.inject(makeRxFrame(0x181, {0x33}));
+        adapter.inject(makeRxFrame(0x700, {0x05})); // nobody listens: not dispatched, no number
+        adapter.inject(makeRxFrame(0x181, {0x11}));
+        QCOMPARE(seen, (QList<quint64>{1, 0, 2, 0, 1, 0, 2}));
+        QCOMPARE(scheduler.dispatchCount(), quint64(2));
+        QCOMPARE(other.dispatchCount(), quint64(1));
+        QCOMPARE(CanScheduler::currentDispatch(&scheduler), quint64(0));
+        QCOMPARE(CanScheduler::currentDispatch(&other), quint64(0));
+        QCOMPARE(CanScheduler::currentDispatch(nullptr), quint64(0));
+        scheduler.unregisterCan(s);
+        other.unregisterCan(o);
+    }
+
     // connectToAdapter(false) names the scheduler as sender: the adapter's
     // connection stays and frames keep arriving, exactly once each.
     void disconnectRequestLeavesDeliveryWorking()

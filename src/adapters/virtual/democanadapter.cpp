@@ -18,22 +18,22 @@ namespace {
 constexpr int DatagramSize = int(sizeof(CAN::CanMessage)); // 76
 constexpr int IdleWaitMs = 100; // upper bound of one idle wait; close() wakes the loop at once
 
-// Drops, inside the kernel, the datagrams this instance broadcast itself
-// (UDP source port == our transmit port) before they are queued on our
-// receive socket: no wake-up and no read for our own frames. A UDP socket
-// filter sees the datagram from its UDP header on (offset 0: source port).
-// The receive step still checks the port, so nothing changes if the filter
-// cannot be attached.
-void dropOwnDatagrams(int rxFd, quint16 txPort)
+// Our own transmissions come back to our receive socket (the broadcast
+// reaches every socket bound to the port). A socket filter drops them in the
+// kernel, so that a frame sent from another thread while the loop sleeps does
+// not wake the loop for nothing. The receive step still drops them by source
+// port should the filter be refused.
+void dropOwnDatagrams(int rxFd, quint16 ownPort)
 {
     sock_filter code[] = {
-        BPF_STMT(BPF_LD | BPF_H | BPF_ABS, 0),             // UDP source port
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, txPort, 0, 1), // ours?
-        BPF_STMT(BPF_RET | BPF_K, 0),                      // drop
-        BPF_STMT(BPF_RET | BPF_K, 0xFFFFFFFFu),            // keep all of it
+        BPF_STMT(BPF_LD | BPF_H | BPF_ABS, 0),               // UDP header: source port
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, ownPort, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, 0),                        // ours: drop
+        BPF_STMT(BPF_RET | BPF_K, 0xFFFFFFFFu),              // keep whole
     };
-    sock_fprog program = {static_cast<unsigned short>(sizeof code / sizeof code[0]), code};
-    setsockopt(rxFd, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program);
+    sock_fprog program = {sizeof code / sizeof code[0], code};
+    if (rxFd >= 0 && ownPort != 0)
+        setsockopt(rxFd, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program);
 }
 
 quint16 portFromEnvironment()
@@ -122,6 +122,8 @@ bool DemoCanAdapter::setCanAdapterOption(AbstractCanAdapter::AdapterOption optio
         mPort.store(quint16(port)); // used from the next open()
         return true;
     }
+    if (option == SdoTransferActive)
+        mStreaming.store(value.toBool(), std::memory_order_relaxed); // see write()
     return AbstractCanAdapter::setCanAdapterOption(option, value);
 }
 
@@ -156,6 +158,26 @@ CAN::RetType DemoCanAdapter::write(CAN::CanMessage* pMessage)
         return CAN::Error;
     {
         std::lock_guard<CanMutex> guard(mLock);
+        // While an SDO transfer of many frames runs (option 26), a frame
+        // written from another thread goes straight onto the bus from that
+        // thread if the loop is idle: a block download writes one segment per
+        // pass of its event loop, and each would otherwise cost a wake-up of
+        // the loop. Only when no frame waits before this one (the lock keeps
+        // the order across threads), no echo is wanted (echoes are the loop's
+        // to emit) and no received datagram waits to be handed on; otherwise
+        // the frame is queued, and queued frames go out one per pass of the
+        // loop with a receive step between two, as they always did.
+        // A single request (no transfer running) is handed to the loop. The
+        // caller goes on working after write() (back into its event loop),
+        // and a receiver woken by a send from its thread tends to be put on
+        // its processor and to wait for it, while the loop sends and goes back
+        // to sleep at once: on a 2-core virtual machine an expedited SDO round
+        // trip took about 70 us with the direct send and 53 us through the loop.
+        // (The first look at the sleeping flag spares the loop's own writes
+        // the look at the socket; the second, after it, is the one that counts.)
+        if (mStreaming.load(std::memory_order_relaxed) && mTxFd >= 0 && mTxQueue.empty() && !mEcho.load()
+            && mSleeping.load() && !receivePendingLocked() && mSleeping.load() && sendLocked(*pMessage))
+            return CAN::Ok;
         mTxQueue.push_back(*pMessage);
     }
     // The loop announces that it is about to wait and then looks at the
@@ -163,6 +185,34 @@ CAN::RetType DemoCanAdapter::write(CAN::CanMessage* pMessage)
     if (mSleeping.load())
         wake();
     return CAN::Ok;
+}
+
+bool DemoCanAdapter::receivePendingLocked() const
+{
+    pollfd fd = {mRxFd, POLLIN, 0};
+    return ::poll(&fd, 1, 0) != 0; // an error counts as pending: the loop will see
+}
+
+// One datagram onto the bus; false when the socket would block (the frame
+// then waits in the queue for the loop).
+bool DemoCanAdapter::sendLocked(CAN::CanMessage msg)
+{
+    // Lengths that are no valid FD length are rounded up (9 -> 12, 13 -> 16, ...).
+    msg.length = dlcToLength(lengthToDlc(msg.length));
+    sockaddr_in bus{};
+    bus.sin_family = AF_INET;
+    bus.sin_port = htons(mTxPort);
+    bus.sin_addr.s_addr = htonl(mBusIp);
+    for (;;) {
+        const ssize_t n = ::sendto(mTxFd, &msg, DatagramSize, MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&bus),
+                                   sizeof bus);
+        if (n >= 0)
+            return true;
+        if (errno == EINTR)
+            continue;
+        // Anything but a full buffer loses the frame, as a bus error would.
+        return errno != EAGAIN && errno != EWOULDBLOCK;
+    }
 }
 
 CAN::CanTimeStamp DemoCanAdapter::stamp() const
@@ -185,15 +235,14 @@ bool DemoCanAdapter::transmitStep()
     std::lock_guard<CanMutex> guard(mLock);
     if (mTxQueue.empty())
         return false;
-    CAN::CanMessage msg = mTxQueue.front();
+    const CAN::CanMessage msg = mTxQueue.front();
     mTxQueue.pop_front();
-    // Lengths that are no valid FD length are rounded up (9 -> 12, 13 -> 16, ...).
-    msg.length = dlcToLength(lengthToDlc(msg.length));
-    mTxSocket->writeDatagram(reinterpret_cast<const char*>(&msg), DatagramSize, mBusAddress, mActivePort);
+    sendLocked(msg); // with the socket's buffer still full the frame is lost
     if (mEcho.load()) {
         CAN::CanRxMessage echo;
         echo.timeStamp = stamp();
         echo.message = msg;
+        echo.message.length = dlcToLength(lengthToDlc(msg.length));
         echo.echo = true;
         mEchoQueue.append(echo);
     }
@@ -275,8 +324,14 @@ void DemoCanAdapter::run()
     // looped-back datagrams apart, is known before the first frame goes out.
     mTxSocket->bind(QHostAddress(QHostAddress::AnyIPv4), quint16(0));
     mTxLocalPort = mTxSocket->localPort();
-    if (rxFd >= 0 && mTxLocalPort != 0)
-        dropOwnDatagrams(rxFd, mTxLocalPort);
+    dropOwnDatagrams(rxFd, mTxLocalPort);
+    {
+        std::lock_guard<CanMutex> guard(mLock);
+        mBusIp = mBusAddress.toIPv4Address();
+        mTxPort = mActivePort;
+        mTxFd = int(mTxSocket->socketDescriptor());
+        mRxFd = rxFd;
+    }
 
     pollfd fds[2] = {{rxFd, POLLIN, 0}, {mWakeFd, POLLIN, 0}};
     while (mRunning.load()) {
@@ -307,6 +362,10 @@ void DemoCanAdapter::run()
     }
     readPendingDatagrams();
     // Each start creates fresh sockets, so free these ones now.
+    {
+        std::lock_guard<CanMutex> guard(mLock);
+        mTxFd = mRxFd = -1;
+    }
     delete mTxSocket;
     delete mRxSocket;
     mTxSocket = mRxSocket = nullptr;

@@ -62,6 +62,8 @@ protected:
 
 private:
     bool transmitStep();
+    bool sendLocked(CAN::CanMessage msg);
+    bool receivePendingLocked() const;
     CAN::CanTimeStamp stamp() const;
     void wake();
     void stopLoop();
@@ -78,11 +80,18 @@ private:
     QVector<CAN::CanRxMessage> mEchoQueue; // adapter thread only
     std::deque<CAN::CanMessage> mTxQueue;  // guarded by mLock
     CanMutex mLock;
+    // The running loop's sockets and where it sends, for sending from any
+    // thread under mLock; -1 while no loop runs. (guarded by mLock)
+    int mTxFd = -1;
+    int mRxFd = -1;
+    quint32 mBusIp = 0;
+    quint16 mTxPort = 0;
     std::atomic<quint16> mPort{DefaultPort};
     quint16 mActivePort = DefaultPort;     // port of the running loop
     quint16 mTxLocalPort = 0;
     int mWakeFd = -1;                      // eventfd: a frame was queued or close() was called
     std::atomic<bool> mSleeping{false};
+    std::atomic<bool> mStreaming{false}; // option 26: an SDO transfer of many frames runs
 };
 
 #endif
