@@ -1,6 +1,6 @@
 #include "canopenmasterclass.h"
 #include "canscheduler.h"
-#include "qtwarningtrap.h"
+#include "sdoenginefixture.h"
 #include "recordingcanadapter.h"
 #include "scriptedresponder.h"
 #include "scriptedsdoserver.h"
@@ -10,40 +10,9 @@
 #include <QtTest>
 #include <cstring>
 
-namespace {
-constexpr quint32 Rx = 0x585;
-constexpr quint32 Tx = 0x605;
-
-QByteArray counting(int n)
-{
-    QByteArray b(n, '\0');
-    for (int i = 0; i < n; ++i)
-        b[i] = char(i + 1);
-    return b;
-}
-
-QList<int> values(const QSignalSpy& spy)
-{
-    QList<int> v;
-    for (const QList<QVariant>& args : spy)
-        v.append(args.at(0).toInt());
-    return v;
-}
-} // namespace
-
-class tst_SDOBlockClient : public QObject
+class tst_SDOBlockClient : public QObject, private SdoEngineFixture<SDOBlockClient>
 {
     Q_OBJECT
-
-    RecordingCanAdapter* adapter = nullptr;
-    CanScheduler* scheduler = nullptr;
-    SDOBlockClient* engine = nullptr;
-    QSignalSpy* results = nullptr;
-    QSignalSpy* errors = nullptr;
-    QSignalSpy* progress = nullptr;
-
-    QVariantList option26() const { return adapter->optionHistory(AbstractCanAdapter::SdoTransferActive); }
-    bool ended() const { return results->count() + errors->count() > 0; }
 
 private Q_SLOTS:
     void initTestCase()
@@ -52,28 +21,8 @@ private Q_SLOTS:
         QtWarningTrap::install();
     }
 
-    void init()
-    {
-        adapter = new RecordingCanAdapter;
-        scheduler = new CanScheduler(adapter);
-        scheduler->connectToAdapter(true);
-        engine = new SDOBlockClient(Rx, Tx, scheduler);
-        results = new QSignalSpy(engine, &SDOBlockClient::resultReceived);
-        errors = new QSignalSpy(engine, &SDOBlockClient::errorReceived);
-        progress = new QSignalSpy(engine, &SDOBlockClient::progress);
-    }
-
-    void cleanup()
-    {
-        delete results;
-        delete errors;
-        delete progress;
-        delete engine;
-        delete scheduler;
-        delete adapter;
-        const QStringList warnings = QtWarningTrap::take();
-        QVERIFY2(warnings.isEmpty(), qPrintable(warnings.join('\n')));
-    }
+    void init() { setUp(); }
+    void cleanup() { tearDown(); }
 
     void downloadFrames_data()
     {
@@ -82,19 +31,19 @@ private Q_SLOTS:
         QTest::addColumn<QList<QByteArray>>("frames");
         QTest::addColumn<QList<int>>("percent");
         QTest::newRow("29 bytes, one block, n = 6")
-            << counting(29) << 127
+            << countingBytes(29) << 127
             << QList<QByteArray>{"605:c20022011d000000", "605:0101020304050607", "605:0208090a0b0c0d0e",
                                  "605:030f101112131415", "605:0416171819 1a1b1c", "605:851d000000000000",
                                  "605:d900000000000000"}
             << QList<int>{100};
         QTest::newRow("30 bytes in blocks of 2")
-            << counting(30) << 2
+            << countingBytes(30) << 2
             << QList<QByteArray>{"605:c20022011e000000", "605:0101020304050607", "605:0208090a0b0c0d0e",
                                  "605:010f101112131415", "605:0216171819 1a1b1c", "605:811d1e0000000000",
                                  "605:d500000000000000"}
             << QList<int>{46, 93, 100};
         QTest::newRow("7 bytes: n = 0")
-            << counting(7) << 127
+            << countingBytes(7) << 127
             << QList<QByteArray>{"605:c200220107000000", "605:8101020304050607", "605:c100000000000000"}
             << QList<int>{100};
         QTest::newRow("empty: one segment without data, n = 7")
@@ -123,7 +72,7 @@ private Q_SLOTS:
         QCOMPARE(results->at(0).at(0).toUInt(), 0x2200u);
         QCOMPARE(results->at(0).at(1).toUInt(), 1u);
         QCOMPARE(results->at(0).at(2).value<QVariant>(), QVariant(int(0)));
-        QCOMPARE(values(*progress), percent);
+        QCOMPARE(firstArguments(*progress), percent);
         QCOMPARE(server.received, value);
         QCOMPARE(option26(), (QVariantList{true, false}));
         QVERIFY(!engine->isBusy());
@@ -136,7 +85,7 @@ private Q_SLOTS:
         server.confirmOnly = 3;
         ScriptedResponder responder(adapter, Rx,
                                     [&](const CAN::CanMessage& m) { return server.answer(m); });
-        QCOMPARE(engine->write(0x2200, 1, counting(50)), CAN::Ok);
+        QCOMPARE(engine->write(0x2200, 1, countingBytes(50)), CAN::Ok);
         QVERIFY(responder.serveUntil([&] { return ended(); }));
         QCOMPARE(errors->count(), 1);
         QCOMPARE(errors->at(0).at(0).toUInt(), 0x2200u);
@@ -155,7 +104,7 @@ private Q_SLOTS:
         server.downloadBlockSize = 4;
         ScriptedResponder responder(adapter, Rx,
                                     [&](const CAN::CanMessage& m) { return server.answer(m); });
-        QCOMPARE(engine->write(0x2200, 1, counting(40)), CAN::Ok);
+        QCOMPARE(engine->write(0x2200, 1, countingBytes(40)), CAN::Ok);
         adapter->failWrites(CAN::TxQueueFull);
         responder.serveWaiting(); // the initiate answer: the first segment meets a full queue
         QTest::qWait(35);         // retried every 10 ms, nothing gets through
@@ -164,7 +113,7 @@ private Q_SLOTS:
         adapter->failWrites(CAN::Ok);
         QVERIFY(responder.serveUntil([&] { return ended(); }));
         QCOMPARE(results->count(), 1);
-        QCOMPARE(server.received, counting(40)); // nothing lost, nothing twice
+        QCOMPARE(server.received, countingBytes(40)); // nothing lost, nothing twice
         const QList<QByteArray> frames = adapter->writtenHex();
         QCOMPARE(frames.size(), 1 + 6 + 1);
         QCOMPARE(frames.at(1), QByteArray("605:0101020304050607"));
@@ -194,7 +143,7 @@ private Q_SLOTS:
         QFETCH(QList<QByteArray>, requests);
         QFETCH(QList<int>, percent);
         ScriptedSdoServer server;
-        server.content = counting(length);
+        server.content = countingBytes(length);
         ScriptedResponder responder(adapter, Rx,
                                     [&](const CAN::CanMessage& m) { return server.answer(m); });
         QCOMPARE(engine->read(0x2200, 1), CAN::Ok);
@@ -205,7 +154,7 @@ private Q_SLOTS:
         QCOMPARE(results->at(0).at(0).toUInt(), 0x2200u);
         QCOMPARE(results->at(0).at(1).toUInt(), 1u);
         QCOMPARE(results->at(0).at(2).value<QVariant>().toByteArray(), server.content);
-        QCOMPARE(values(*progress), percent);
+        QCOMPARE(firstArguments(*progress), percent);
         QCOMPARE(option26(), (QVariantList{true, false}));
         QVERIFY(!engine->isBusy());
     }
@@ -215,9 +164,9 @@ private Q_SLOTS:
         QCOMPARE(engine->read(0x2200, 1), CAN::Ok);
         adapter->injectHex(Rx, "c2 00 22 01 10 00 00 00");
         adapter->injectHex(Rx, "01 01 02 03 04 05 06 07");
-        QCOMPARE(engine->getCurrentlyReceivedData(), counting(7));
+        QCOMPARE(engine->getCurrentlyReceivedData(), countingBytes(7));
         adapter->injectHex(Rx, "02 08 09 0a 0b 0c 0d 0e");
-        QCOMPARE(engine->getCurrentlyReceivedData(), counting(14));
+        QCOMPARE(engine->getCurrentlyReceivedData(), countingBytes(14));
         QCOMPARE(adapter->writtenCount(), 2); // no confirmation inside a block
     }
 
@@ -235,7 +184,7 @@ private Q_SLOTS:
         QFETCH(bool, upload);
         QFETCH(int, silentAfter);
         ScriptedSdoServer server;
-        server.content = counting(200);
+        server.content = countingBytes(200);
         server.silentAfter = 3; // upload: three segments of the block, then nothing
         int answered = 0;
         ScriptedResponder responder(adapter, Rx, [&](const CAN::CanMessage& m) {
@@ -243,7 +192,7 @@ private Q_SLOTS:
                                                                             : QList<QByteArray>();
         });
         QCOMPARE(engine->setSdoTimeout(60), CAN::Ok);
-        QCOMPARE(upload ? engine->read(0x2200, 1) : engine->write(0x2200, 1, counting(40)), CAN::Ok);
+        QCOMPARE(upload ? engine->read(0x2200, 1) : engine->write(0x2200, 1, countingBytes(40)), CAN::Ok);
         QVERIFY(responder.serveUntil([&] { return ended(); }, 3000));
         QCOMPARE(errors->count(), 1);
         QCOMPARE(errors->at(0).at(2).toUInt(), 0x05040000u);
@@ -251,7 +200,7 @@ private Q_SLOTS:
         QCOMPARE(option26(), (QVariantList{true, false}));
         QVERIFY(!engine->isBusy());
         if (upload && silentAfter > 0)
-            QCOMPARE(engine->getCurrentlyReceivedData(), counting(21));
+            QCOMPARE(engine->getCurrentlyReceivedData(), countingBytes(21));
     }
 
     void serverAbort_data()
@@ -268,14 +217,14 @@ private Q_SLOTS:
         QFETCH(bool, upload);
         QFETCH(int, answersBefore);
         ScriptedSdoServer server;
-        server.content = counting(100);
+        server.content = countingBytes(100);
         server.downloadBlockSize = 2;
         server.silentAfter = 2;
         int answered = 0;
         ScriptedResponder responder(adapter, Rx, [&](const CAN::CanMessage& m) {
             return answered++ < answersBefore ? server.answer(m) : QList<QByteArray>();
         });
-        QCOMPARE(upload ? engine->read(0x2200, 1) : engine->write(0x2200, 1, counting(40)), CAN::Ok);
+        QCOMPARE(upload ? engine->read(0x2200, 1) : engine->write(0x2200, 1, countingBytes(40)), CAN::Ok);
         QVERIFY(responder.serveUntil([&] { return answered >= answersBefore; }));
         QTest::qWait(5); // let the paced segments of a download go out
         responder.serveWaiting();
@@ -302,7 +251,7 @@ private Q_SLOTS:
     {
         QFETCH(quint32, code);
         QCOMPARE(engine->setSdoTimeout(50), CAN::Ok);
-        QCOMPARE(engine->write(0x2200, 1, counting(2000)), CAN::Ok);
+        QCOMPARE(engine->write(0x2200, 1, countingBytes(2000)), CAN::Ok);
         adapter->injectHex(Rx, "a0 00 22 01 7f 00 00 00");
         QCOMPARE(adapter->writtenCount(), 2); // the first segment at once, the others paced
         QCOMPARE(engine->abort(code), CAN::Ok);
@@ -325,8 +274,8 @@ private Q_SLOTS:
 
     void refusals()
     {
-        QCOMPARE(engine->write(0x2200, 1, counting(40)), CAN::Ok);
-        QCOMPARE(engine->write(0x2200, 1, counting(40)), CAN::Busy);
+        QCOMPARE(engine->write(0x2200, 1, countingBytes(40)), CAN::Ok);
+        QCOMPARE(engine->write(0x2200, 1, countingBytes(40)), CAN::Busy);
         QCOMPARE(engine->read(0x2200, 1), CAN::Busy);
         QCOMPARE(engine->setSdoTimeout(5), CAN::Busy);
         QCOMPARE(adapter->writtenCount(), 1);
@@ -341,26 +290,26 @@ private Q_SLOTS:
 
         SDOBlockClient lone(Rx, Tx, nullptr);
         QCOMPARE(lone.read(0x2200, 1), CAN::Error);
-        QCOMPARE(lone.write(0x2200, 1, counting(3)), CAN::Error);
+        QCOMPARE(lone.write(0x2200, 1, countingBytes(3)), CAN::Error);
     }
 
     void transfersAnsweredFromAnotherThread()
     {
         ScriptedSdoServer server;
-        server.content = counting(2000);
+        server.content = countingBytes(2000);
         server.downloadBlockSize = 10;
         ScriptedResponder responder(adapter, Rx,
                                     [&](const CAN::CanMessage& m) { return server.answer(m); });
         responder.start();
         QCOMPARE(engine->read(0x2200, 1), CAN::Ok);
         QTRY_COMPARE_WITH_TIMEOUT(results->count(), 1, 5000);
-        QCOMPARE(results->at(0).at(2).value<QVariant>().toByteArray(), counting(2000));
-        QCOMPARE(engine->write(0x2200, 2, counting(333)), CAN::Ok);
+        QCOMPARE(results->at(0).at(2).value<QVariant>().toByteArray(), countingBytes(2000));
+        QCOMPARE(engine->write(0x2200, 2, countingBytes(333)), CAN::Ok);
         QTRY_COMPARE_WITH_TIMEOUT(results->count(), 2, 5000);
         responder.stop();
-        QCOMPARE(server.received, counting(333));
+        QCOMPARE(server.received, countingBytes(333));
         QCOMPARE(errors->count(), 0);
-        QCOMPARE(values(*progress).last(), 100);
+        QCOMPARE(firstArguments(*progress).last(), 100);
         QCOMPARE(option26(), (QVariantList{true, false, true, false}));
         QVERIFY(!engine->isBusy());
     }

@@ -21,6 +21,7 @@
 #include <QRandomGenerator>
 #include <QSignalSpy>
 #include <QtTest>
+#include "sdoenginefixture.h"
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -69,13 +70,6 @@ QByteArray deviceLongString()
     return text;
 }
 
-QList<int> progressValues(const QSignalSpy& spy)
-{
-    QList<int> out;
-    for (const QList<QVariant>& args : spy)
-        out.append(args.at(0).toInt());
-    return out;
-}
 
 QByteArray listText(const QList<int>& values)
 {
@@ -414,7 +408,7 @@ private Q_SLOTS:
         QCOMPARE(spies.errors.count(), 0);
         QCOMPARE(spies.results.at(0).at(0).toUInt(), 0x2001u);
         QCOMPARE(spies.results.at(0).at(2).toByteArray(), text);
-        QList<int> percent = progressValues(*spies.progress);
+        QList<int> percent = firstArguments(*spies.progress);
         QVERIFY(!percent.isEmpty());
         QVERIFY2(std::is_sorted(percent.begin(), percent.end()), listText(percent).constData());
         QCOMPARE(percent.last(), 100);
@@ -426,7 +420,7 @@ private Q_SLOTS:
         QVERIFY(spies.wait(2));
         QCOMPARE(spies.errors.count(), 0);
         QCOMPARE(od.value(0x2002, 0), text);
-        percent = progressValues(*spies.progress);
+        percent = firstArguments(*spies.progress);
         QVERIFY(!percent.isEmpty());
         QVERIFY2(std::is_sorted(percent.begin(), percent.end()), listText(percent).constData());
         QCOMPARE(percent.last(), 100); // 70 segments of 7 bytes end at 490 of 488 bytes: 100 %
@@ -458,7 +452,7 @@ private Q_SLOTS:
         QCOMPARE(spies.results.at(0).at(0).toUInt(), 0x2002u);
         QCOMPARE(spies.results.at(0).at(2), QVariant(int(0)));
         QVERIFY(od.value(0x2002, 0) == value);
-        QList<int> percent = progressValues(*spies.progress);
+        QList<int> percent = firstArguments(*spies.progress);
         if (block) {
             // One per confirmed block, then 100 at the end.
             QVERIFY2(percent.size() >= 73 && std::is_sorted(percent.begin(), percent.end()),
@@ -473,7 +467,7 @@ private Q_SLOTS:
         QVERIFY(spies.wait(2));
         QCOMPARE(spies.errors.count(), 0);
         QVERIFY(spies.results.at(1).at(2).toByteArray() == value);
-        percent = progressValues(*spies.progress);
+        percent = firstArguments(*spies.progress);
         if (block) {
             QVERIFY2(percent.size() >= 74 && std::is_sorted(percent.begin(), percent.end()),
                      listText(percent).constData());

@@ -1,6 +1,6 @@
 #include "canopenmasterclass.h"
 #include "canscheduler.h"
-#include "qtwarningtrap.h"
+#include "sdoenginefixture.h"
 #include "cansender.h"
 #include "recordingcanadapter.h"
 #include "sdoblockclient.h"
@@ -13,21 +13,9 @@
 #include <atomic>
 #include <thread>
 
-
-namespace {
-constexpr quint32 Rx = 0x585;
-constexpr quint32 Tx = 0x605;
-} // namespace
-
-class tst_SDOExpeditedClient : public QObject
+class tst_SDOExpeditedClient : public QObject, private SdoEngineFixture<SDOExpeditedClient>
 {
     Q_OBJECT
-
-    RecordingCanAdapter* adapter = nullptr;
-    CanScheduler* scheduler = nullptr;
-    SDOExpeditedClient* engine = nullptr;
-    QSignalSpy* results = nullptr;
-    QSignalSpy* errors = nullptr;
 
 private Q_SLOTS:
     void initTestCase()
@@ -36,26 +24,8 @@ private Q_SLOTS:
         QtWarningTrap::install();
     }
 
-    void init()
-    {
-        adapter = new RecordingCanAdapter;
-        scheduler = new CanScheduler(adapter);
-        scheduler->connectToAdapter(true);
-        engine = new SDOExpeditedClient(Rx, Tx, scheduler);
-        results = new QSignalSpy(engine, &SDOExpeditedClient::resultReceived);
-        errors = new QSignalSpy(engine, &SDOExpeditedClient::errorReceived);
-    }
-
-    void cleanup()
-    {
-        delete results;
-        delete errors;
-        delete engine;
-        delete scheduler;
-        delete adapter;
-        const QStringList warnings = QtWarningTrap::take();
-        QVERIFY2(warnings.isEmpty(), qPrintable(warnings.join('\n')));
-    }
+    void init() { setUp(); }
+    void cleanup() { tearDown(); }
 
     void readSendsUploadInitiateForExpeditedTypesOnly_data()
     {

@@ -1,6 +1,6 @@
 #include "canopenmasterclass.h"
 #include "canscheduler.h"
-#include "qtwarningtrap.h"
+#include "sdoenginefixture.h"
 #include "recordingcanadapter.h"
 #include "scriptedresponder.h"
 #include "scriptedsdoserver.h"
@@ -10,40 +10,9 @@
 #include <QtTest>
 #include <cstring>
 
-namespace {
-constexpr quint32 Rx = 0x585;
-constexpr quint32 Tx = 0x605;
-
-QByteArray counting(int n)
-{
-    QByteArray b(n, '\0');
-    for (int i = 0; i < n; ++i)
-        b[i] = char(i + 1);
-    return b;
-}
-
-QList<int> progressValues(const QSignalSpy& spy)
-{
-    QList<int> values;
-    for (const QList<QVariant>& args : spy)
-        values.append(args.at(0).toInt());
-    return values;
-}
-} // namespace
-
-class tst_SDOSegmentedClient : public QObject
+class tst_SDOSegmentedClient : public QObject, private SdoEngineFixture<SDOSegmentedClient>
 {
     Q_OBJECT
-
-    RecordingCanAdapter* adapter = nullptr;
-    CanScheduler* scheduler = nullptr;
-    SDOSegmentedClient* engine = nullptr;
-    QSignalSpy* results = nullptr;
-    QSignalSpy* errors = nullptr;
-    QSignalSpy* progress = nullptr;
-
-    QVariantList option26() const { return adapter->optionHistory(AbstractCanAdapter::SdoTransferActive); }
-    bool ended() const { return results->count() + errors->count() > 0; }
 
 private Q_SLOTS:
     void initTestCase()
@@ -52,28 +21,8 @@ private Q_SLOTS:
         QtWarningTrap::install();
     }
 
-    void init()
-    {
-        adapter = new RecordingCanAdapter;
-        scheduler = new CanScheduler(adapter);
-        scheduler->connectToAdapter(true);
-        engine = new SDOSegmentedClient(Rx, Tx, scheduler);
-        results = new QSignalSpy(engine, &SDOSegmentedClient::resultReceived);
-        errors = new QSignalSpy(engine, &SDOSegmentedClient::errorReceived);
-        progress = new QSignalSpy(engine, &SDOSegmentedClient::progress);
-    }
-
-    void cleanup()
-    {
-        delete results;
-        delete errors;
-        delete progress;
-        delete engine;
-        delete scheduler;
-        delete adapter;
-        const QStringList warnings = QtWarningTrap::take();
-        QVERIFY2(warnings.isEmpty(), qPrintable(warnings.join('\n')));
-    }
+    void init() { setUp(); }
+    void cleanup() { tearDown(); }
 
     void downloadFramesAndProgress_data()
     {
@@ -81,21 +30,21 @@ private Q_SLOTS:
         QTest::addColumn<QList<QByteArray>>("frames");
         QTest::addColumn<QList<int>>("percent");
         QTest::newRow("10 bytes: 70 then 140")
-            << counting(10)
+            << countingBytes(10)
             << QList<QByteArray>{"605:2100210a0a000000", "605:0001020304050607", "605:1908090a00000000"}
             << QList<int>{70, 140};
         QTest::newRow("7 bytes: first segment is the last")
-            << counting(7) << QList<QByteArray>{"605:2100210a07000000", "605:0101020304050607"}
+            << countingBytes(7) << QList<QByteArray>{"605:2100210a07000000", "605:0101020304050607"}
             << QList<int>{100};
         QTest::newRow("1 byte: n = 6, percent as 8 bits")
-            << counting(1) << QList<QByteArray>{"605:2100210a01000000", "605:0d01000000000000"}
+            << countingBytes(1) << QList<QByteArray>{"605:2100210a01000000", "605:0d01000000000000"}
             << QList<int>{700 & 0xFF};
         QTest::newRow("14 bytes: toggle on the last")
-            << counting(14)
+            << countingBytes(14)
             << QList<QByteArray>{"605:2100210a0e000000", "605:0001020304050607", "605:1108090a0b0c0d0e"}
             << QList<int>{50, 100};
         QTest::newRow("15 bytes: toggle back to 0")
-            << counting(15)
+            << countingBytes(15)
             << QList<QByteArray>{"605:2100210a0f000000", "605:0001020304050607", "605:1008090a0b0c0d0e",
                                  "605:0d0f000000000000"}
             << QList<int>{46, 93, 140};
@@ -121,7 +70,7 @@ private Q_SLOTS:
         QCOMPARE(results->at(0).at(0).toUInt(), 0x2100u);
         QCOMPARE(results->at(0).at(1).toUInt(), 0x0Au);
         QCOMPARE(results->at(0).at(2).value<QVariant>(), QVariant(int(0)));
-        QCOMPARE(progressValues(*progress), percent);
+        QCOMPARE(firstArguments(*progress), percent);
         QCOMPARE(server.received, value);
         QCOMPARE(option26(), (QVariantList{true, false}));
         QVERIFY(!engine->isBusy());
@@ -147,12 +96,12 @@ private Q_SLOTS:
             << QByteArray("\xaa\xbb\xcc\xdd") << QList<int>{};
         QTest::newRow("segmented, size 10, cut to size")
             << QList<QByteArray>{"410021030a000000", "0001020304050607", "1908090aeeeeeeee"}
-            << QList<QByteArray>{init, "605:6000000000000000", "605:7000000000000000"} << counting(10)
+            << QList<QByteArray>{init, "605:6000000000000000", "605:7000000000000000"} << countingBytes(10)
             << QList<int>{70, 140};
         QTest::newRow("segmented without size keeps padding")
             << QList<QByteArray>{"4000210300000000", "0001020304050607", "1508090a0b000000"}
             << QList<QByteArray>{init, "605:6000000000000000", "605:7000000000000000"}
-            << (counting(11) + QByteArray(3, '\0')) << QList<int>{100};
+            << (countingBytes(11) + QByteArray(3, '\0')) << QList<int>{100};
     }
     void uploadAnswers()
     {
@@ -172,7 +121,7 @@ private Q_SLOTS:
         QCOMPARE(results->at(0).at(0).toUInt(), 0x2100u);
         QCOMPARE(results->at(0).at(1).toUInt(), 3u);
         QCOMPARE(results->at(0).at(2).value<QVariant>().toByteArray(), value);
-        QCOMPARE(progressValues(*progress), percent);
+        QCOMPARE(firstArguments(*progress), percent);
         QCOMPARE(option26(), (QVariantList{true, false}));
         QVERIFY(!engine->isBusy());
     }
@@ -180,29 +129,29 @@ private Q_SLOTS:
     void longTransfersBothWays()
     {
         ScriptedSdoServer server;
-        server.content = counting(1000);
+        server.content = countingBytes(1000);
         ScriptedResponder responder(adapter, Rx, [&](const CAN::CanMessage& m) { return server.answer(m); });
         QCOMPARE(engine->read(0x2100, 1), CAN::Ok);
         QVERIFY(responder.serveUntil([&] { return ended(); }));
         QCOMPARE(results->count(), 1);
         QCOMPARE(results->at(0).at(2).value<QVariant>().toByteArray(), server.content);
         QCOMPARE(adapter->writtenCount(), 1 + 143); // initiate and one request per 7 bytes
-        const QList<int> up = progressValues(*progress);
+        const QList<int> up = firstArguments(*progress);
         QCOMPARE(up.size(), 100); // every percent once
         QCOMPARE(up.last(), 100);
 
         progress->clear();
-        QCOMPARE(engine->write(0x2100, 2, counting(999)), CAN::Ok);
+        QCOMPARE(engine->write(0x2100, 2, countingBytes(999)), CAN::Ok);
         QVERIFY(responder.serveUntil([&] { return results->count() == 2; }));
-        QCOMPARE(server.received, counting(999));
-        QCOMPARE(progressValues(*progress).last(), 100);
+        QCOMPARE(server.received, countingBytes(999));
+        QCOMPARE(firstArguments(*progress).last(), 100);
         QCOMPARE(errors->count(), 0);
     }
 
     void fastDownloadKeepsTwoSegmentsInFlight()
     {
         engine->setFastSegmentedDownload(true, 2);
-        QCOMPARE(engine->write(0x2100, 1, counting(30)), CAN::Ok);
+        QCOMPARE(engine->write(0x2100, 1, countingBytes(30)), CAN::Ok);
         const QByteArray answer0 = "20 00 00 00 00 00 00 00", answer1 = "30 00 00 00 00 00 00 00";
         adapter->injectHex(Rx, "60 00 21 01 00 00 00 00");
         // Two segments back to back: toggle 0, then toggle 1.
@@ -239,12 +188,12 @@ private Q_SLOTS:
         QFETCH(bool, upload);
         QFETCH(int, answersBefore);
         ScriptedSdoServer server;
-        server.content = counting(40);
+        server.content = countingBytes(40);
         int answered = 0;
         ScriptedResponder responder(adapter, Rx, [&](const CAN::CanMessage& m) {
             return answered++ < answersBefore ? server.answer(m) : QList<QByteArray>();
         });
-        QCOMPARE(upload ? engine->read(0x2100, 1) : engine->write(0x2100, 1, counting(40)), CAN::Ok);
+        QCOMPARE(upload ? engine->read(0x2100, 1) : engine->write(0x2100, 1, countingBytes(40)), CAN::Ok);
         QVERIFY(responder.serveUntil([&] { return answered == answersBefore + 1; }));
         const int sent = adapter->writtenCount();
         QCOMPARE(sent, answersBefore + 1);
@@ -274,13 +223,13 @@ private Q_SLOTS:
         QFETCH(bool, upload);
         QFETCH(int, answersBefore);
         ScriptedSdoServer server;
-        server.content = counting(40);
+        server.content = countingBytes(40);
         int answered = 0;
         ScriptedResponder responder(adapter, Rx, [&](const CAN::CanMessage& m) {
             return answered++ < answersBefore ? server.answer(m) : QList<QByteArray>();
         });
         QCOMPARE(engine->setSdoTimeout(60), CAN::Ok);
-        QCOMPARE(upload ? engine->read(0x2100, 1) : engine->write(0x2100, 1, counting(40)), CAN::Ok);
+        QCOMPARE(upload ? engine->read(0x2100, 1) : engine->write(0x2100, 1, countingBytes(40)), CAN::Ok);
         QVERIFY(responder.serveUntil([&] { return ended(); }));
         QCOMPARE(errors->count(), 1);
         QCOMPARE(errors->at(0).at(0).toUInt(), 0x2100u);
@@ -299,7 +248,7 @@ private Q_SLOTS:
         // although the whole transfer takes longer than the time-out.
         QCOMPARE(engine->setSdoTimeout(400), CAN::Ok);
         ScriptedSdoServer server;
-        QCOMPARE(engine->write(0x2100, 1, counting(28)), CAN::Ok);
+        QCOMPARE(engine->write(0x2100, 1, countingBytes(28)), CAN::Ok);
         for (int i = 0; i < 5 && !ended(); ++i) {
             QTest::qWait(100);
             const QByteArray a = server.answer(adapter->lastWritten()).value(0);
@@ -311,7 +260,7 @@ private Q_SLOTS:
         }
         QCOMPARE(errors->count(), 0);
         QCOMPARE(results->count(), 1);
-        QCOMPARE(server.received, counting(28));
+        QCOMPARE(server.received, countingBytes(28));
     }
 
     void callerAbort_data()
@@ -326,7 +275,7 @@ private Q_SLOTS:
         QFETCH(quint32, code);
         QFETCH(int, frames);
         QCOMPARE(engine->setSdoTimeout(50), CAN::Ok);
-        QCOMPARE(engine->write(0x2100, 4, counting(20)), CAN::Ok);
+        QCOMPARE(engine->write(0x2100, 4, countingBytes(20)), CAN::Ok);
         adapter->injectHex(Rx, "60 00 21 04 00 00 00 00");
         QCOMPARE(adapter->writtenCount(), 2);
         QCOMPARE(engine->abort(code), CAN::Ok);
@@ -350,7 +299,7 @@ private Q_SLOTS:
     {
         QCOMPARE(engine->read(0x2100, 1), CAN::Ok);
         QCOMPARE(engine->read(0x2100, 2), CAN::Busy);
-        QCOMPARE(engine->write(0x2100, 2, counting(3)), CAN::Busy);
+        QCOMPARE(engine->write(0x2100, 2, countingBytes(3)), CAN::Busy);
         QCOMPARE(option26(), QVariantList{true}); // the running transfer keeps it
         QCOMPARE(engine->setSdoTimeout(10), CAN::Busy);
         QCOMPARE(engine->setCobIds(0x586, 0x606), CAN::Busy);
@@ -359,14 +308,14 @@ private Q_SLOTS:
 
         adapter->clearOptionHistory();
         adapter->failWrites(CAN::TxQueueFull);
-        QCOMPARE(engine->write(0x2100, 1, counting(3)), CAN::Error);
+        QCOMPARE(engine->write(0x2100, 1, countingBytes(3)), CAN::Error);
         QCOMPARE(option26(), (QVariantList{true, false}));
         QCOMPARE(engine->read(0x2100, 1), CAN::Error);
         QVERIFY(!engine->isBusy());
 
         SDOSegmentedClient lone(Rx, Tx, nullptr);
         QCOMPARE(lone.read(0x2100, 1), CAN::Error);
-        QCOMPARE(lone.write(0x2100, 1, counting(3)), CAN::Error);
+        QCOMPARE(lone.write(0x2100, 1, countingBytes(3)), CAN::Error);
     }
 
     void currentlyReceivedDataGrows()
@@ -375,10 +324,10 @@ private Q_SLOTS:
         adapter->injectHex(Rx, "41 00 21 01 14 00 00 00");
         QCOMPARE(engine->getCurrentlyReceivedData(), QByteArray());
         adapter->injectHex(Rx, "00 01 02 03 04 05 06 07");
-        QCOMPARE(engine->getCurrentlyReceivedData(), counting(7));
+        QCOMPARE(engine->getCurrentlyReceivedData(), countingBytes(7));
         adapter->injectHex(Rx, "10 08 09 0a 0b 0c 0d 0e");
-        QCOMPARE(engine->getCurrentlyReceivedData(), counting(14));
-        QCOMPARE(progressValues(*progress), (QList<int>{35, 70, 105}));
+        QCOMPARE(engine->getCurrentlyReceivedData(), countingBytes(14));
+        QCOMPARE(firstArguments(*progress), (QList<int>{35, 70, 105}));
     }
 
     void zeroTimeoutStillSupervisesSegmentedTransfers()
@@ -397,7 +346,7 @@ private Q_SLOTS:
     void transfersAnsweredFromAnotherThread()
     {
         ScriptedSdoServer server;
-        server.content = counting(300);
+        server.content = countingBytes(300);
         ScriptedResponder responder(adapter, Rx, [&](const CAN::CanMessage& m) { return server.answer(m); });
         responder.start();
         QThread* const testThread = QThread::currentThread();
@@ -408,16 +357,16 @@ private Q_SLOTS:
         });
         QCOMPARE(engine->read(0x2100, 1), CAN::Ok);
         QTRY_COMPARE_WITH_TIMEOUT(results->count(), 1, 5000);
-        QCOMPARE(results->at(0).at(2).value<QVariant>().toByteArray(), counting(300));
-        const QList<int> up = progressValues(*progress);
+        QCOMPARE(results->at(0).at(2).value<QVariant>().toByteArray(), countingBytes(300));
+        const QList<int> up = firstArguments(*progress);
         QVERIFY(!up.isEmpty());
         QCOMPARE(up.last(), 100);
         QVERIFY(std::is_sorted(up.begin(), up.end()));
 
-        QCOMPARE(engine->write(0x2100, 2, counting(250)), CAN::Ok);
+        QCOMPARE(engine->write(0x2100, 2, countingBytes(250)), CAN::Ok);
         QTRY_COMPARE_WITH_TIMEOUT(results->count(), 2, 5000);
         responder.stop();
-        QCOMPARE(server.received, counting(250));
+        QCOMPARE(server.received, countingBytes(250));
         QCOMPARE(errors->count(), 0);
         QCOMPARE(foreign.load(), 0);
         QCOMPARE(option26(), (QVariantList{true, false, true, false}));

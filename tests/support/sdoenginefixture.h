@@ -1,0 +1,87 @@
+#ifndef SDOENGINEFIXTURE_H
+#define SDOENGINEFIXTURE_H
+
+#include "canscheduler.h"
+#include "qtwarningtrap.h"
+#include "recordingcanadapter.h"
+
+#include <QSignalSpy>
+#include <QtTest>
+#include <type_traits>
+
+// 1, 2, 3, ... n as bytes: a value whose every byte tells where it belongs.
+inline QByteArray countingBytes(int n)
+{
+    QByteArray b(n, '\0');
+    for (int i = 0; i < n; ++i)
+        b[i] = char(i + 1);
+    return b;
+}
+
+// The first argument of every emission a spy recorded, as integers
+// (progress values, for example).
+inline QList<int> firstArguments(const QSignalSpy& spy)
+{
+    QList<int> values;
+    for (const QList<QVariant>& args : spy)
+        values.append(args.at(0).toInt());
+    return values;
+}
+
+// Shared set-up of the SDO engine unit tests: a recording adapter, a
+// connected scheduler, the engine for node 5 (answers on 0x585, requests on
+// 0x605) and spies on its outcome signals. A test class derives from it
+// next to QObject and calls setUp() in init() and tearDown() in cleanup();
+// tearDown() fails the test if Qt warned about thread misuse.
+template<typename Engine>
+class SdoEngineFixture
+{
+public:
+    static constexpr quint32 Rx = 0x585;
+    static constexpr quint32 Tx = 0x605;
+
+protected:
+    RecordingCanAdapter* adapter = nullptr;
+    CanScheduler* scheduler = nullptr;
+    Engine* engine = nullptr;
+    QSignalSpy* results = nullptr;
+    QSignalSpy* errors = nullptr;
+    QSignalSpy* progress = nullptr; // only for engines that report progress
+
+    void setUp()
+    {
+        adapter = new RecordingCanAdapter;
+        scheduler = new CanScheduler(adapter);
+        scheduler->connectToAdapter(true);
+        engine = new Engine(Rx, Tx, scheduler);
+        results = new QSignalSpy(engine, &Engine::resultReceived);
+        errors = new QSignalSpy(engine, &Engine::errorReceived);
+        if constexpr (HasProgress<Engine>::value)
+            progress = new QSignalSpy(engine, &Engine::progress);
+    }
+
+    void tearDown()
+    {
+        delete results;
+        delete errors;
+        delete progress;
+        progress = nullptr;
+        delete engine;
+        delete scheduler;
+        delete adapter;
+        const QStringList warnings = QtWarningTrap::take();
+        QVERIFY2(warnings.isEmpty(), qPrintable(warnings.join('\n')));
+    }
+
+    // Values the engine gave adapter option 26 (transfer active), in order.
+    QVariantList option26() const { return adapter->optionHistory(AbstractCanAdapter::SdoTransferActive); }
+    bool ended() const { return results->count() + errors->count() > 0; }
+
+private:
+    template<typename T, typename = void>
+    struct HasProgress : std::false_type {};
+    template<typename T>
+    struct HasProgress<T, std::void_t<decltype(&T::progress)>> : std::true_type {};
+};
+
+#endif
