@@ -62,6 +62,7 @@ protected:
 
 private:
     bool transmitStep();
+    bool spinForWork(struct pollfd* fds);
     bool sendLocked(CAN::CanMessage msg);
     bool receivePendingLocked() const;
     CAN::CanTimeStamp stamp() const;
@@ -91,6 +92,7 @@ private:
     quint16 mTxLocalPort = 0;
     int mWakeFd = -1;                      // eventfd: a frame was queued or close() was called
     std::atomic<bool> mSleeping{false};
+    quint64 mSent = 0; // frames sent by the loop (adapter thread only)
     std::atomic<bool> mStreaming{false}; // option 26: an SDO transfer of many frames runs
 };
 
