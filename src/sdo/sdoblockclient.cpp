@@ -458,18 +458,7 @@ void SDOBlockClient::expireLocked()
 void SDOBlockClient::blockTimeoutLocked()
 {
     ++mPumpTicket;
-    if (direction == 3) {
-        blockState = 0;
-        setTransferOptionLocked(false);
-        return;
-    }
-    if (blockState == 0)
-        return;
-    if (mScheduler)
-        sendLocked(abortFrame(serverCobId, index, subIndex, AbortTimeout));
-    blockState = 0;
-    setTransferOptionLocked(false);
-    queueErrorLocked(AbortTimeout);
+    endTransferOnTimeoutLocked(blockState);
 }
 
 bool SDOBlockClient::transferRunningLocked() const

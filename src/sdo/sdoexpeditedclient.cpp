@@ -623,3 +623,19 @@ void SDOExpeditedClient::deliverNotices()
 }
 
 void SDOExpeditedClient::deliverNotice(const Notice&) {}
+
+void SDOExpeditedClient::endTransferOnTimeoutLocked(quint32& state)
+{
+    if (direction == 3) {
+        state = 0;
+        setTransferOptionLocked(false);
+        return;
+    }
+    if (state == 0)
+        return;
+    if (mScheduler)
+        sendLocked(abortFrame(serverCobId, index, subIndex, AbortTimeout));
+    state = 0;
+    setTransferOptionLocked(false);
+    queueErrorLocked(AbortTimeout);
+}

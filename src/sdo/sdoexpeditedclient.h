@@ -172,6 +172,10 @@ protected:
     // whose dispatch began before this point are not answers to it.
     void beginTransferLocked();
     void superviseLocked(quint32 ms);  // start the time-out for a transfer
+    // The time-out of a multi-frame transfer whose state is `state` (0 idle):
+    // an abort frame with 0x05040000 and errorReceived, unless the transfer
+    // was already aborted locally (direction 3), which just ends.
+    void endTransferOnTimeoutLocked(quint32& state);
     void touchLocked();                // a frame went out or came in
     void stopTimerLocked();
     // Time-out of a multi-frame transfer: sdoTimeout, or the default when it is 0.

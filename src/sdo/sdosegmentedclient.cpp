@@ -282,18 +282,7 @@ void SDOSegmentedClient::expireLocked()
 
 void SDOSegmentedClient::segmentedTimeoutLocked()
 {
-    if (direction == 3) {
-        segState = 0;
-        setTransferOptionLocked(false);
-        return;
-    }
-    if (segState == 0)
-        return;
-    if (mScheduler)
-        sendLocked(abortFrame(serverCobId, index, subIndex, AbortTimeout));
-    segState = 0;
-    setTransferOptionLocked(false);
-    queueErrorLocked(AbortTimeout);
+    endTransferOnTimeoutLocked(segState);
 }
 
 bool SDOSegmentedClient::transferRunningLocked() const
