@@ -48,7 +48,7 @@ dump_pid=$!
 pids+=($dump_pid)
 
 status=0
-QT_LOGGING_RULES="*.debug=false" build/tools/demo/codemo --port "$port" --node "$node" \
+build/tools/demo/codemo --port "$port" --node "$node" \
   --device-console "$console" || status=$?
 
 kill -INT "$dump_pid" 2>/dev/null || true

@@ -65,3 +65,17 @@ int FrameCollector::count(quint32 id) const
         n += f.message.id == id ? 1 : 0;
     return n;
 }
+
+QString FrameCollector::describe(const CAN::CanMessage& m)
+{
+    QString s = QString::number(m.id, 16).toUpper();
+    const std::pair<bool, const char*> flags[] = {
+        {m.extended, " ext"}, {m.rtr, " rtr"}, {m.fd, " fd"}, {m.brs, " brs"}, {m.esi, " esi"}};
+    for (const auto& f : flags)
+        s += f.first ? QLatin1String(f.second) : QLatin1String();
+    s += QStringLiteral(" [%1]").arg(m.length);
+    const QByteArray data(reinterpret_cast<const char*>(m.data), qMin(int(m.length), 64));
+    if (m.length && !m.rtr)
+        s += QLatin1Char(' ') + QString::fromLatin1(data.toHex().toUpper());
+    return s;
+}

@@ -5,6 +5,7 @@
 #include "canmutex.h"
 
 #include <QObject>
+#include <QString>
 #include <QVector>
 
 // Keeps every frame an adapter emits. Connected directly, as the dispatcher
@@ -24,6 +25,9 @@ public:
     // The first frame with this identifier, and whether there is one.
     bool find(quint32 id, CAN::CanRxMessage* out = nullptr) const;
     void clear();
+    // Every field of a frame in one line, for comparisons in tests:
+    // "123 ext rtr fd brs esi [12] 000102..." (flags only when set).
+    static QString describe(const CAN::CanMessage& m);
 
 public Q_SLOTS:
     void take(CAN::CanRxMessage* message);

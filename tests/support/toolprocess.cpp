@@ -13,6 +13,11 @@ ToolProcess::ToolProcess(const QString& program, const QStringList& args, QObjec
 {
     connect(&mProcess, &QProcess::readyReadStandardOutput, this, [this]() { mOut += mProcess.readAllStandardOutput(); });
     connect(&mProcess, &QProcess::readyReadStandardError, this, [this]() { mErr += mProcess.readAllStandardError(); });
+    // The tools filter the library's debug lines themselves (-v shows them):
+    // the test's logging rules must not reach them.
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.remove(QStringLiteral("QT_LOGGING_RULES"));
+    mProcess.setProcessEnvironment(env);
     mProcess.start(program, args);
 }
 

@@ -1,13 +1,20 @@
-// End-to-end tests of the cosim program: it boots on a private virtual bus,
-// produces its heartbeat, and ends cleanly on SIGINT and SIGTERM.
+// End-to-end tests of the cosim program on a private virtual bus: it boots,
+// produces its heartbeat, runs its SDO server as its options say, and ends
+// cleanly on SIGINT and SIGTERM.
 #include "canopenmasterclass.h"
 #include "democanadapter.h"
 #include "framecollector.h"
+#include "recordingcanadapter.h"
 #include "testbus.h"
+#include "toolprocess.h"
 
-#include <QProcess>
 #include <QtTest>
 #include <csignal>
+#include <memory>
+
+namespace {
+const QString kCosim = QStringLiteral(COSIM_PATH);
+}
 
 class tst_Cosim : public QObject
 {
@@ -16,8 +23,13 @@ private Q_SLOTS:
     void initTestCase()
     {
         CanopenMaster master;
-        TestBus::usePrivatePort();
+        TestBus::usePrivatePort(); // before the adapter reads it
+        mBus = std::make_unique<DemoCanAdapter>(QStringLiteral("v"));
+        mCollector = std::make_unique<FrameCollector>(mBus.get());
+        QCOMPARE(mBus->open(), CAN::Ok);
     }
+    void cleanupTestCase() { mBus->close(); }
+    void init() { mCollector->clear(); }
 
     void bootsBeatsAndStopsOnSignal_data()
     {
@@ -35,36 +47,53 @@ private Q_SLOTS:
         QFETCH(int, signalNumber);
         QFETCH(QStringList, extraArgs);
         QFETCH(QString, stderrPart);
-        DemoCanAdapter bus(QStringLiteral("v"));
-        FrameCollector collector(&bus);
-        bus.open();
-        QTest::qWait(20);
-
-        QProcess cosim;
-        cosim.start(QStringLiteral(COSIM_PATH), QStringList{"--node", "9", "--heartbeat", "50"} + extraArgs);
-        QVERIFY(cosim.waitForStarted(5000));
-        QTRY_VERIFY_WITH_TIMEOUT(collector.count(0x709) >= 3, 10000);
-        const auto frames = collector.frames(0x709);
-        QCOMPARE(int(frames[0].message.length), 1);
-        QCOMPARE(int(frames[0].message.data[0]), 0x00); // boot-up
-        for (int i = 1; i < frames.size(); ++i) {
-            QCOMPARE(int(frames[i].message.length), 1);
-            QCOMPARE(int(frames[i].message.data[0]), 0x7F); // pre-operational
-        }
-
-        ::kill(pid_t(cosim.processId()), signalNumber);
-        QVERIFY(cosim.waitForFinished(5000));
-        QCOMPARE(cosim.exitStatus(), QProcess::NormalExit);
-        QCOMPARE(cosim.exitCode(), 0);
-        const QString err = QString::fromLocal8Bit(cosim.readAllStandardError());
+        ToolProcess cosim(kCosim, QStringList{"--node", "9", "--heartbeat", "50"} + extraArgs);
+        QTRY_VERIFY_WITH_TIMEOUT(mCollector->count(0x709) >= 3, 10000);
+        QStringList beats;
+        for (const CAN::CanRxMessage& rx : mCollector->frames(0x709).mid(0, 3))
+            beats << FrameCollector::describe(rx.message);
+        QCOMPARE(beats, (QStringList{"709 [1] 00", "709 [1] 7F", "709 [1] 7F"})); // boot-up, pre-operational
+        ::kill(pid_t(cosim.pid()), signalNumber);
+        QCOMPARE(cosim.finish(5000), 0);
         if (stderrPart.isEmpty())
-            QCOMPARE(err, QString());
+            QCOMPARE(cosim.err(), QString());
         else
-            QVERIFY2(err.contains(stderrPart), qPrintable(err));
+            QVERIFY2(cosim.err().contains(stderrPart), qPrintable(cosim.err()));
         // Nothing more once it has ended.
-        const int after = collector.count();
+        const int after = mCollector->count();
         QTest::qWait(150);
-        QCOMPARE(collector.count(), after);
+        QCOMPARE(mCollector->count(), after);
+    }
+
+    // The answer to a block download request: the server's block size and
+    // CRC support as the options set them, or no answer without a server.
+    void sdoServerOptions_data()
+    {
+        QTest::addColumn<QStringList>("args");
+        QTest::addColumn<QString>("answer"); // empty: none
+        QTest::newRow("default") << QStringList() << "589 [8] A40220007F000000";
+        QTest::newRow("block size 9, no CRC") << QStringList{"--sdo-block-size", "9", "--sdo-no-crc"} << "589 [8] A002200009000000";
+        QTest::newRow("no server") << QStringList{"--no-sdo"} << QString();
+    }
+    void sdoServerOptions()
+    {
+        QFETCH(QStringList, args);
+        QFETCH(QString, answer);
+        ToolProcess cosim(kCosim, QStringList{"--node", "9", "--heartbeat", "0", "--no-console", "-q"} + args);
+        QTRY_COMPARE_WITH_TIMEOUT(mCollector->count(0x709), 1, 10000);
+        CAN::CanMessage request = makeFrame(0x609, {0xC2, 0x02, 0x20, 0x00, 0x10, 0x00, 0x00, 0x00});
+        QCOMPARE(mBus->write(&request), CAN::Ok);
+        QTest::qWait(answer.isEmpty() ? 300 : 0);
+        QTRY_COMPARE_WITH_TIMEOUT(mCollector->count(0x589), answer.isEmpty() ? 0 : 1, 5000);
+        if (!answer.isEmpty())
+            QCOMPARE(FrameCollector::describe(mCollector->frames(0x589).at(0).message), answer);
+    }
+
+    void listsItsDictionary()
+    {
+        const ToolProcess::Result r = ToolProcess::run(kCosim, {"--list-od", "--node", "9"});
+        QCOMPARE(r.exitCode, 0);
+        QVERIFY2(r.out.contains("0x609") && r.out.contains("2004h 00h UNSIGNED32      wo"), qPrintable(r.out));
     }
 
     void badArgumentsExitWith2_data()
@@ -76,17 +105,21 @@ private Q_SLOTS:
         QTest::newRow("heartbeat not a number") << QStringList{"--heartbeat", "often"} << "heartbeat";
         QTest::newRow("port 0") << QStringList{"--port", "0"} << "port";
         QTest::newRow("negative delay") << QStringList{"--delay", "-5"} << "delay";
+        QTest::newRow("block size 128") << QStringList{"--sdo-block-size", "128"} << "block size";
+        QTest::newRow("negative SDO time-out") << QStringList{"--sdo-timeout", "-1"} << "time-out";
     }
     void badArgumentsExitWith2()
     {
         QFETCH(QStringList, args);
         QFETCH(QString, errorPart);
-        QProcess cosim;
-        cosim.start(QStringLiteral(COSIM_PATH), args);
-        QVERIFY(cosim.waitForFinished(10000));
-        QCOMPARE(cosim.exitCode(), 2);
-        QVERIFY(QString::fromLocal8Bit(cosim.readAllStandardError()).contains(errorPart));
+        const ToolProcess::Result r = ToolProcess::run(kCosim, args);
+        QCOMPARE(r.exitCode, 2);
+        QVERIFY2(r.err.contains(errorPart), qPrintable(r.err));
     }
+
+private:
+    std::unique_ptr<DemoCanAdapter> mBus;
+    std::unique_ptr<FrameCollector> mCollector;
 };
 
 QTEST_MAIN(tst_Cosim)

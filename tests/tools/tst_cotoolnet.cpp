@@ -372,56 +372,6 @@ private Q_SLOTS:
         QCOMPARE(r.out, QString());
     }
 
-    void badArgumentsExitWith2_data()
-    {
-        QTest::addColumn<QStringList>("args");
-        QTest::addColumn<QString>("errorPart");
-        QTest::newRow("nmt without command") << QStringList{"nmt"} << "no NMT command given";
-        QTest::newRow("nmt unknown command") << QStringList{"nmt", "go", "5"} << "unknown NMT command 'go'";
-        QTest::newRow("nmt node 128") << QStringList{"nmt", "start", "128"} << "0 (all nodes) or 1..127";
-        QTest::newRow("nmt extra") << QStringList{"nmt", "start", "5", "6"} << "unexpected argument '6'";
-        QTest::newRow("monitor without node") << QStringList{"monitor"} << "no node given";
-        QTest::newRow("monitor bad list") << QStringList{"monitor", "3-1"} << "bad node list '3-1'";
-        QTest::newRow("monitor both ways") << QStringList{"monitor", "5", "--heartbeat", "100", "--guard", "100"} << "exclude each other";
-        QTest::newRow("life factor alone") << QStringList{"monitor", "5", "--life-factor", "3"} << "goes with --guard";
-        QTest::newRow("heartbeat too long") << QStringList{"monitor", "5", "--heartbeat", "70000"} << "--heartbeat wants a number 1..65535";
-        QTest::newRow("monitor on gateway") << QStringList{"monitor", "5", "--gateway", "localhost:7000"} << "not supported";
-        QTest::newRow("sync without period") << QStringList{"sync"} << "no period given";
-        QTest::newRow("sync sub-ms period") << QStringList{"sync", "--period", "1500us"} << "no multiple of 1000";
-        QTest::newRow("sync overflow 1") << QStringList{"sync", "--period", "10", "--overflow", "1"} << "--overflow wants 2..240";
-        QTest::newRow("sync overflow 241") << QStringList{"sync", "--period", "10", "--overflow", "241"} << "--overflow wants 2..240";
-        QTest::newRow("sync bad cob-id") << QStringList{"sync", "--period", "10", "--cob-id", "800"} << "0..7FF";
-        QTest::newRow("sync on gateway") << QStringList{"sync", "--period", "10", "--gateway", "localhost:7000"} << "not supported";
-        QTest::newRow("emcy bad list") << QStringList{"emcy", "0"} << "bad node list";
-        QTest::newRow("emcy count 0") << QStringList{"emcy", "--count", "0"} << "--count";
-        QTest::newRow("pdo without cob-id") << QStringList{"pdo", "--map", "u8"} << "no COB-ID given";
-        QTest::newRow("pdo without map") << QStringList{"pdo", "185"} << "no mapping given";
-        QTest::newRow("pdo 9 bytes") << QStringList{"pdo", "185", "--map", "u32,u32,u8"} << "at most 8";
-        QTest::newRow("pdo unknown type") << QStringList{"pdo", "185", "--map", "u16,float"} << "'float'";
-        QTest::newRow("pdo on gateway") << QStringList{"pdo", "185", "--map", "u8", "--gateway", "localhost:7000"} << "not supported";
-    }
-    void badArgumentsExitWith2()
-    {
-        QFETCH(QStringList, args);
-        QFETCH(QString, errorPart);
-        const ToolProcess::Result r = ToolProcess::run(kCotool, args);
-        QCOMPARE(r.exitCode, 2);
-        QVERIFY2(r.err.contains(errorPart), qPrintable(r.err));
-        QCOMPARE(r.out, QString());
-        QTest::qWait(30);
-        QCOMPARE(mCollector->count(), 0);
-    }
-
-    void helpListsTheNewCommands()
-    {
-        const ToolProcess::Result r = ToolProcess::run(kCotool, {"--help"});
-        QCOMPARE(r.exitCode, 0);
-        for (const char* name : {"nmt ", "monitor ", "sync ", "emcy ", "pdo "})
-            QVERIFY2(r.out.contains(QLatin1String("  ") + QLatin1String(name)), name);
-        const ToolProcess::Result pdo = ToolProcess::run(kCotool, {"pdo", "--help"});
-        QVERIFY(pdo.out.contains("u8, u16, u32"));
-    }
-
 private:
     std::unique_ptr<DemoCanAdapter> mBus;
     std::unique_ptr<FrameCollector> mCollector;

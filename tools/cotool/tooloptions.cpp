@@ -3,6 +3,7 @@
 #include "abstractcanadapter.h"
 #include "canadapterfactory.h"
 #include "democanadapter.h"
+#include "toollogging.h"
 
 #include <QCommandLineParser>
 
@@ -26,7 +27,7 @@ ToolOptions::ToolOptions()
 
 void ToolOptions::addTo(QCommandLineParser& parser, bool listGateway) const
 {
-    parser.addOptions({mAdapterOption, mInterfaceOption, mBitrateOption, mPortOption});
+    parser.addOptions({mAdapterOption, mInterfaceOption, mBitrateOption, mPortOption, ToolLogging::verboseOption()});
     QCommandLineOption gateway = mGatewayOption;
     if (!listGateway)
         gateway.setFlags(QCommandLineOption::HiddenFromHelp);
@@ -68,6 +69,7 @@ bool ToolOptions::read(const QCommandLineParser& parser, QString* error)
             return bad(QStringLiteral("--port wants a UDP port 1..65535, got '%1'").arg(parser.value(mPortOption)));
         mBusPort = quint16(port);
     }
+    ToolLogging::install(parser.isSet(QStringLiteral("verbose")));
     mInterfaceName = parser.value(mInterfaceOption);
     if (mInterfaceName.isEmpty()) {
         const QStringList names = CanAdapterFactory::getInterfaceList(CanAdapterFactory::CanAdapterType(mAdapterType));

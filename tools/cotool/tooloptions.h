@@ -7,8 +7,8 @@
 class AbstractCanAdapter;
 class QCommandLineParser;
 
-// The options every cotool command understands: which adapter to use and how
-// to reach the bus. Commands that can work through a CiA 309-3 gateway also
+// The options every cotool command understands: which adapter to use, how
+// to reach the bus and -v (the library's debug messages too). Commands that can work through a CiA 309-3 gateway also
 // take --gateway host:port.
 class ToolOptions
 {
@@ -22,7 +22,8 @@ public:
     // Adds the common options; --gateway is listed in the help only for
     // commands that accept it (others still recognise it, to refuse it clearly).
     void addTo(QCommandLineParser& parser, bool listGateway = true) const;
-    // Reads and checks the parsed values; false with *error on a bad one.
+    // Reads and checks the parsed values (and sets up the message filter);
+    // false with *error on a bad one.
     bool read(const QCommandLineParser& parser, QString* error);
 
     int adapterType() const { return mAdapterType; }

@@ -13,6 +13,7 @@
 #include "sdostep.h"
 #include "supervisionstep.h"
 #include "signalwatcher.h"
+#include "toollogging.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -42,8 +43,10 @@ int main(int argc, char** argv)
                                   QStringLiteral("A named pipe to the device's stdin console (cosim commands such as "
                                                  "\"heartbeat 0\"); the supervision and EMCY steps need it."),
                                   QStringLiteral("path"));
-    parser.addOptions({portOpt, nodeOpt, waitOpt, beatsOpt, consoleOpt});
+    const QCommandLineOption verboseOpt = ToolLogging::verboseOption();
+    parser.addOptions({portOpt, nodeOpt, waitOpt, beatsOpt, consoleOpt, verboseOpt});
     parser.process(app);
+    ToolLogging::install(parser.isSet(verboseOpt));
 
     DemoContext context;
     bool ok = true;

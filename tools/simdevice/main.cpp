@@ -10,6 +10,7 @@
 #include "simemcyproducer.h"
 #include "simnmtslave.h"
 #include "simtpdo.h"
+#include "toollogging.h"
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
@@ -53,8 +54,10 @@ int main(int argc, char** argv)
     parser.addOptions({listOdOpt, noSdoOpt, sdoBlockOpt, sdoTimeoutOpt, sdoNoCrcOpt});
     QCommandLineOption delayOpt(QStringLiteral("delay"), QStringLiteral("Wait this long before booting, in ms (default 0)."), QStringLiteral("ms"), QStringLiteral("0"));
     QCommandLineOption quietOpt({QStringLiteral("q"), QStringLiteral("quiet")}, QStringLiteral("Print nothing except errors."));
-    parser.addOptions({delayOpt, quietOpt});
+    const QCommandLineOption verboseOpt = ToolLogging::verboseOption();
+    parser.addOptions({delayOpt, quietOpt, verboseOpt});
     parser.process(app);
+    ToolLogging::install(parser.isSet(verboseOpt));
 
     QTextStream err(stderr);
     bool ok = false;
