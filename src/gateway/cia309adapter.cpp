@@ -4,6 +4,7 @@
 #include <QDebug>
 #include <QEvent>
 #include <QTcpSocket>
+#include <QTimer>
 
 namespace {
 // Posted to the adapter when another thread has queued a request.
@@ -32,6 +33,10 @@ CiA309Adapter::CiA309Adapter(const QString& interfaceName, QObject* parent)
     connect(socket, &QAbstractSocket::errorOccurred, this, &CiA309Adapter::socketError);
     connect(socket, &QAbstractSocket::stateChanged, this, &CiA309Adapter::socketStateChanged);
     mSocket = socket;
+    mTailTimer = new QTimer(this);
+    mTailTimer->setSingleShot(true);
+    mTailTimer->setInterval(TailQuietMs);
+    connect(mTailTimer, &QTimer::timeout, this, &CiA309Adapter::deliverTail);
 }
 
 CiA309Adapter::~CiA309Adapter()
@@ -54,6 +59,7 @@ CAN::RetType CiA309Adapter::open()
     if (!mSocket)
         return CAN::Error; // closed for good: a new connection needs a new adapter
     abortSocket();
+    clearTail();
     mSocket->connectToHost(mHost, mPort, QIODevice::ReadWrite, QAbstractSocket::AnyIPProtocol);
     // Blocks the caller; a refused connection ends the wait at once.
     mSocket->waitForConnected(ConnectTimeoutMs);
@@ -66,6 +72,7 @@ void CiA309Adapter::close()
         return;
     QTcpSocket* socket = mSocket.data();
     mSocket.clear();
+    clearTail();
     abortSocket(socket);
     socket->close();
     socket->disconnect(this);
@@ -141,12 +148,6 @@ qint16 CiA309Adapter::nextSequenceNumber(qint16 sequenceNumber)
     return sequenceNumber >= MaxSequenceNumber ? qint16(0) : qint16(sequenceNumber + 1);
 }
 
-QString CiA309Adapter::responseText(const QByteArray& received)
-{
-    const int nul = received.indexOf('\0');
-    return QString::fromUtf8(received.constData(), nul < 0 ? received.size() : nul);
-}
-
 CAN::RetType CiA309Adapter::sendCiA309Request(const QString& request, qint16& sequenceNumber)
 {
     if (QThread::currentThread() != thread()) {
@@ -219,14 +220,70 @@ CAN::RetType CiA309Adapter::writeLine(const QString& line)
     return CAN::Ok;
 }
 
+// This signal used to relay the text of each read as TCP delivered it, so a
+// receiver could see "[0] " alone and take it for the whole answer. Now one
+// emission per read carries only the lines completed so far; the rest waits
+// for its line feed, or for TailQuietMs without data from a peer that does
+// not end its last line.
 void CiA309Adapter::socketReadyRead()
 {
     if (!mSocket)
         return;
-    // Relayed as delivered: a chunk may hold several lines or part of one.
-    const QString text = responseText(mSocket->readAll());
-    if (!text.isEmpty())
-        Q_EMIT newCiA309Response(text);
+    QByteArray bytes = mSocket->readAll();
+    const int nul = bytes.indexOf('\0');
+    if (nul >= 0)
+        bytes.truncate(nul); // text ends at a NUL; the rest of the read is dropped
+
+    QByteArray lines;
+    bool overlong = false;
+    int pos = 0;
+    while (pos < bytes.size()) {
+        const int lineFeed = bytes.indexOf('\n', pos);
+        const int end = lineFeed < 0 ? bytes.size() : lineFeed + 1;
+        const int length = mTail.size() + (lineFeed < 0 ? end : lineFeed) - pos;
+        if (mSkippingLine) {
+            mSkippingLine = lineFeed < 0;
+        } else if (length > MaxLineBytes) {
+            overlong = true;
+            mTail.clear();
+            mSkippingLine = lineFeed < 0;
+        } else if (lineFeed < 0) {
+            mTail.append(bytes.constData() + pos, end - pos);
+        } else {
+            lines += mTail;
+            lines.append(bytes.constData() + pos, end - pos);
+            mTail.clear();
+        }
+        pos = end;
+    }
+    if (mTail.isEmpty())
+        mTailTimer->stop();
+    else
+        mTailTimer->start();
+
+    // Emitted last: a receiver may close or reopen the adapter.
+    if (!lines.isEmpty())
+        Q_EMIT newCiA309Response(QString::fromUtf8(lines));
+    if (overlong) {
+        qWarning() << "CiA309Adapter: a gateway line longer than" << MaxLineBytes << "bytes was dropped";
+        Q_EMIT interfaceError();
+    }
+}
+
+void CiA309Adapter::deliverTail()
+{
+    if (mTail.isEmpty())
+        return;
+    const QString text = QString::fromUtf8(mTail);
+    mTail.clear();
+    Q_EMIT newCiA309Response(text);
+}
+
+void CiA309Adapter::clearTail()
+{
+    mTail.clear();
+    mSkippingLine = false;
+    mTailTimer->stop();
 }
 
 void CiA309Adapter::socketError(QAbstractSocket::SocketError error)

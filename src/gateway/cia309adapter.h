@@ -11,13 +11,17 @@
 #include <mutex>
 
 class QTcpSocket;
+class QTimer;
 
 // Adapter for a CANopen gateway reached over TCP that speaks the CiA 309-3
 // ASCII command language. It carries no CAN frames: services ask option 35
 // and send text command lines instead. Each request line is
 // "[<sequence>] <command>\n"; the sequence number runs 0..32767 per adapter.
-// Response text is relayed as the socket delivered it; receivers split it
-// into lines and match the sequence numbers themselves.
+// Response text is relayed in whole lines: each newCiA309Response carries
+// the lines completed by one read (several lines or one); a last line
+// without line end follows once the peer has been quiet for TailQuietMs.
+// Receivers split the text into lines and match the sequence numbers
+// themselves.
 //
 // The socket lives in the thread that created the adapter; open() and close()
 // are called there. Requests may come from any thread: they are carried out
@@ -29,6 +33,10 @@ class CANOPENMASTER_EXPORT CiA309Adapter : public AbstractCanAdapter
 public:
     static constexpr int ConnectTimeoutMs = 30000;
     static constexpr qint16 MaxSequenceNumber = 32767;
+    static constexpr int TailQuietMs = 200;
+    // A domain upload can come as one long base64 line; anything longer is
+    // dropped up to its line end.
+    static constexpr int MaxLineBytes = 1 << 20;
 
     explicit CiA309Adapter(const QString& interfaceName, QObject* parent = nullptr);
     ~CiA309Adapter() override;
@@ -59,7 +67,6 @@ public:
     // Pure helpers of the line protocol.
     static QString requestLine(qint16 sequenceNumber, const QString& request);
     static qint16 nextSequenceNumber(qint16 sequenceNumber);
-    static QString responseText(const QByteArray& received);
 
 public Q_SLOTS:
     CAN::RetType write(CAN::CanMessage* pMessage) override;
@@ -78,6 +85,8 @@ private:
     CAN::RetType writeLine(const QString& line);
     void abortSocket();
     void abortSocket(QTcpSocket* socket);
+    void clearTail();
+    void deliverTail();
 
     QString mInterfaceName;
     QPointer<QTcpSocket> mSocket;
@@ -86,6 +95,10 @@ private:
     qint16 mSequenceNumber = 0; // socket thread only
     QAbstractSocket::SocketState mTcpState = QAbstractSocket::UnconnectedState;
     bool mAborting = false; // our own abort is no loss of the connection
+    // Received bytes of a line whose line feed has not come yet (socket thread only).
+    QByteArray mTail;
+    bool mSkippingLine = false; // dropping the rest of an overlong line
+    QTimer* mTailTimer = nullptr;
     // Requests of other threads, waiting for the socket's thread.
     std::mutex mPendingLock;
     std::condition_variable mPendingDone;

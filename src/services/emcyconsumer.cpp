@@ -113,7 +113,7 @@ uint readNumber(const QString& token)
 
 bool EMCYConsumer::decodeLine(const QString& line, unsigned int cobId, EMCYData& out)
 {
-    if (!line.contains(QLatin1String("emcy")))
+    if (!line.contains(QLatin1String("emcy"), Qt::CaseInsensitive)) // gateways write "EMCY" too
         return false;
     // Gateways end their lines with CR LF; the CR belongs to no token.
     QString text = line;

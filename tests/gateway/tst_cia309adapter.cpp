@@ -2,73 +2,39 @@
 #include "canscheduler.h"
 #include "cia309adapter.h"
 #include "emcyconsumer.h"
+#include "fakegateway.h"
 #include "nmtnetwork.h"
 #include "nmtslave.h"
 
 #include <QElapsedTimer>
 #include <QRegularExpression>
 #include <QSignalSpy>
-#include <QTcpServer>
 #include <QTcpSocket>
 #include <QtTest>
 #include <thread>
 
-// The gateway's side of the connection: a local server and the one peer
-// socket the adapter connects to.
-class FakeGateway
+namespace {
+// The texts of a spy on newCiA309Response, one per emission.
+QStringList texts(const QSignalSpy& spy)
 {
-public:
-    FakeGateway() { mServer.listen(QHostAddress::LocalHost, 0); }
-    quint16 port() const { return mServer.serverPort(); }
-    void configure(CiA309Adapter& a) const
-    {
-        a.setCanAdapterOption(AbstractCanAdapter::GatewayHost, QStringLiteral("127.0.0.1"));
-        a.setCanAdapterOption(AbstractCanAdapter::GatewayPort, uint(port()));
-    }
-    // The connection the adapter made (after its open() returned 0).
-    QTcpSocket* accept()
-    {
-        if (!mPeer && mServer.waitForNewConnection(2000))
-            mPeer = mServer.nextPendingConnection();
-        return mPeer;
-    }
-    // Everything the adapter wrote, once at least `size` bytes are in.
-    QByteArray received(int size)
-    {
-        QElapsedTimer t;
-        t.start();
-        while (mPeer && mData.size() < size && t.elapsed() < 3000) {
-            mPeer->waitForReadyRead(50);
-            mData += mPeer->readAll();
-        }
-        return mData;
-    }
-    // Everything the adapter wrote, once `count` whole lines are in.
-    QByteArray receivedLines(int count)
-    {
-        QElapsedTimer t;
-        t.start();
-        while (mPeer && mData.count('\n') < count && t.elapsed() < 3000) {
-            mPeer->waitForReadyRead(50);
-            mData += mPeer->readAll();
-        }
-        return mData;
-    }
-    void send(const QByteArray& bytes)
-    {
-        mPeer->write(bytes);
-        mPeer->flush();
-    }
-
-private:
-    QTcpServer mServer;
-    QTcpSocket* mPeer = nullptr;
-    QByteArray mData;
-};
+    QStringList result;
+    for (const QList<QVariant>& args : spy)
+        result << args.at(0).toString();
+    return result;
+}
+} // namespace
 
 class tst_CiA309Adapter : public QObject
 {
     Q_OBJECT
+private:
+    // An adapter connected to the gateway.
+    bool openOn(FakeGateway& gw, CiA309Adapter& a)
+    {
+        gw.configure(a);
+        return a.open() == CAN::Ok && gw.waitForClient();
+    }
+
 private Q_SLOTS:
     void initTestCase() { CanopenMaster master; }
 
@@ -89,145 +55,157 @@ private Q_SLOTS:
         QCOMPARE(a.getBitrate(), quint16(0));
     }
 
-    void linesOnTheWireAreNumberedFromZero()
+    // Requests made before the connection fail but use up their numbers.
+    void linesOnTheWireAreNumbered_data()
     {
+        QTest::addColumn<int>("unconnected");
+        QTest::newRow("from zero") << 0;
+        QTest::newRow("after a request without connection") << 1;
+        QTest::newRow("wrap after 32767") << 32767;
+    }
+    void linesOnTheWireAreNumbered()
+    {
+        QFETCH(int, unconnected);
         FakeGateway gw;
         CiA309Adapter a{QString()};
-        gw.configure(a);
         QSignalSpy sent(&a, &AbstractCanAdapter::newCiA309RequestSent);
-        QCOMPARE(a.open(), CAN::Ok);
-        QVERIFY(gw.accept());
-
         qint16 slot = -1;
+        for (int i = 0; i < unconnected; ++i) {
+            if (a.sendCiA309Request(QStringLiteral("x"), slot) != CAN::Error || slot != qint16(i))
+                QFAIL(qPrintable(QStringLiteral("request %1 got number %2").arg(i).arg(slot)));
+        }
+        QCOMPARE(sent.count(), 0);
+        QVERIFY(openOn(gw, a));
+
+        auto number = [unconnected](int k) { return QString::number((unconnected + k) % 32768); };
         QCOMPARE(a.sendCiA309Request(QStringLiteral("5 preop"), slot), CAN::Ok);
-        QCOMPARE(slot, qint16(0));
+        QCOMPARE(QString::number(slot), number(0));
         QCOMPARE(a.sendCiA309Request(QStringLiteral("5 r 0x1018 1 u32"), slot), CAN::Ok);
-        QCOMPARE(slot, qint16(1));
+        QCOMPARE(QString::number(slot), number(1));
         // The one-argument forms number their lines too.
         QCOMPARE(a.write(QStringLiteral("0 start")), CAN::Ok);
         QCOMPARE(a.sendCiA309Command(QStringLiteral("0 stop")), CAN::Ok);
 
-        const QByteArray expected("[0] 5 preop\n[1] 5 r 0x1018 1 u32\n[2] 0 start\n[3] 0 stop\n");
-        QCOMPARE(gw.received(expected.size()), expected);
-        QCOMPARE(sent.count(), 4);
-        QCOMPARE(sent.at(0).at(0).toString(), QStringLiteral("[0] 5 preop\n"));
-        QCOMPARE(sent.at(3).at(0).toString(), QStringLiteral("[3] 0 stop\n"));
+        QStringList expected;
+        for (const QString& request : {"5 preop", "5 r 0x1018 1 u32", "0 start", "0 stop"})
+            expected << QStringLiteral("[%1] %2\n").arg(number(expected.size()), request);
+        QVERIFY(gw.waitForLines(4));
+        QCOMPARE(QString::fromUtf8(gw.received()), expected.join(QString()));
+        QCOMPARE(texts(sent), expected);
     }
 
-    void requestWithoutConnectionConsumesANumber()
-    {
-        FakeGateway gw;
-        CiA309Adapter a{QString()};
-        gw.configure(a);
-        QSignalSpy sent(&a, &AbstractCanAdapter::newCiA309RequestSent);
-        qint16 slot = -1;
-        QCOMPARE(a.sendCiA309Request(QStringLiteral("0 preop"), slot), CAN::Error);
-        QCOMPARE(slot, qint16(0));
-        QCOMPARE(sent.count(), 0);
-
-        QCOMPARE(a.open(), CAN::Ok);
-        QVERIFY(gw.accept());
-        QCOMPARE(a.sendCiA309Request(QStringLiteral("0 preop"), slot), CAN::Ok);
-        QCOMPARE(slot, qint16(1));
-        QCOMPARE(gw.received(12), QByteArray("[1] 0 preop\n"));
-    }
-
-    void numberingWrapsAfter32767()
-    {
-        FakeGateway gw;
-        CiA309Adapter a{QString()};
-        gw.configure(a);
-        qint16 slot = -1;
-        // Unconnected requests use up numbers 0..32766 quickly.
-        for (int i = 0; i < 32767; ++i) {
-            a.sendCiA309Request(QStringLiteral("x"), slot);
-            if (slot != qint16(i))
-                QFAIL(qPrintable(QStringLiteral("request %1 got number %2").arg(i).arg(slot)));
-        }
-        QCOMPARE(a.open(), CAN::Ok);
-        QVERIFY(gw.accept());
-        QCOMPARE(a.sendCiA309Request(QStringLiteral("a"), slot), CAN::Ok);
-        QCOMPARE(slot, qint16(32767));
-        QCOMPARE(a.sendCiA309Request(QStringLiteral("b"), slot), CAN::Ok);
-        QCOMPARE(slot, qint16(0));
-        const QByteArray expected("[32767] a\n[0] b\n");
-        QCOMPARE(gw.received(expected.size()), expected);
-    }
-
-    void responseTextIsRelayedAsItArrives_data()
+    // One emission per read, holding the lines completed so far; a last
+    // line without line end comes once the peer has been quiet for a while.
+    void responsesComeInWholeLines_data()
     {
         QTest::addColumn<QByteArray>("bytes");
-        QTest::addColumn<QString>("text");
-        QTest::newRow("two lines, one segment") << QByteArray("[0] OK\r\n[1] 0x00001234\r\n")
-                                                << QStringLiteral("[0] OK\r\n[1] 0x00001234\r\n");
-        QTest::newRow("part of a line") << QByteArray("[2] ERR") << QStringLiteral("[2] ERR");
-        QTest::newRow("cut at the first NUL") << QByteArray("[3] OK\r\n\0[4] OK\r\n", 17)
-                                              << QStringLiteral("[3] OK\r\n");
+        QTest::addColumn<QList<int>>("splits");
+        QTest::addColumn<QStringList>("emissions");
+        QTest::newRow("two lines, one segment") << QByteArray("[0] OK\r\n[1] 0x00001234\r\n") << QList<int>{}
+                                                << QStringList{"[0] OK\r\n[1] 0x00001234\r\n"};
+        QTest::newRow("byte by byte") << QByteArray("[2] ERROR:100 #x\r\n") << FakeGateway::ByteByByte
+                                      << QStringList{"[2] ERROR:100 #x\r\n"};
+        QTest::newRow("line ends in the next piece") << QByteArray("[3] OK\r\n[4] OK\n") << QList<int>{3, 10}
+                                                     << QStringList{"[3] OK\r\n", "[4] OK\n"};
+        QTest::newRow("cut at the first NUL") << QByteArray("[5] OK\r\n\0[6] OK\r\n", 17) << QList<int>{}
+                                              << QStringList{"[5] OK\r\n"};
+        QTest::newRow("tail without line end") << QByteArray("[7] OK\n[8] O") << QList<int>{}
+                                               << QStringList{"[7] OK\n", "[8] O"};
     }
-    void responseTextIsRelayedAsItArrives()
+    void responsesComeInWholeLines()
     {
         QFETCH(QByteArray, bytes);
-        QFETCH(QString, text);
+        QFETCH(QList<int>, splits);
+        QFETCH(QStringList, emissions);
         FakeGateway gw;
         CiA309Adapter a{QString()};
-        gw.configure(a);
         QSignalSpy responses(&a, &AbstractCanAdapter::newCiA309Response);
-        QCOMPARE(a.open(), CAN::Ok);
-        QVERIFY(gw.accept());
-        gw.send(bytes);
-        QTRY_COMPARE_WITH_TIMEOUT(responses.count(), 1, 3000);
-        QCOMPARE(responses.at(0).at(0).toString(), text);
-        QTest::qWait(30);
-        QCOMPARE(responses.count(), 1);
+        QVERIFY(openOn(gw, a));
+        gw.send(bytes, splits);
+        const int whole = emissions.last().endsWith('\n') ? emissions.size() : emissions.size() - 1;
+        QTRY_VERIFY_WITH_TIMEOUT(gw.idle() && responses.count() >= whole, 3000);
+        QCOMPARE(responses.count(), whole); // a tail waits for TailQuietMs
+        QTRY_COMPARE_WITH_TIMEOUT(texts(responses), emissions, 3000);
+        QTest::qWait(20);
+        QCOMPARE(responses.count(), emissions.size());
     }
 
-    void peerClosingRaisesInterfaceError()
+    void answerSplitAnywhereArrivesWhole()
     {
         FakeGateway gw;
         CiA309Adapter a{QString()};
-        gw.configure(a);
+        QSignalSpy responses(&a, &AbstractCanAdapter::newCiA309Response);
+        QVERIFY(openOn(gw, a));
+        const QByteArray line("[0] ERROR:100 #abc\r\n");
+        for (int at = 1; at < line.size(); ++at) {
+            gw.send(line, {at});
+            QTRY_VERIFY_WITH_TIMEOUT(gw.idle() && responses.count() >= at, 3000);
+        }
+        QTest::qWait(20);
+        QCOMPARE(responses.count(), line.size() - 1);
+        for (const QString& text : texts(responses))
+            QCOMPARE(text, QString::fromLatin1(line));
+    }
+
+    void overlongLineIsDropped_data()
+    {
+        QTest::addColumn<int>("length");
+        QTest::addColumn<QString>("received");
+        QTest::newRow("longest line") << CiA309Adapter::MaxLineBytes << "[0] OK\r\n[1] long\r\n[2] OK\r\n";
+        QTest::newRow("one byte more") << CiA309Adapter::MaxLineBytes + 1 << "[0] OK\r\n[2] OK\r\n";
+    }
+    void overlongLineIsDropped()
+    {
+        QFETCH(int, length);
+        QFETCH(QString, received);
+        const bool dropped = length > CiA309Adapter::MaxLineBytes;
+        FakeGateway gw;
+        CiA309Adapter a{QString()};
+        QSignalSpy responses(&a, &AbstractCanAdapter::newCiA309Response);
         QSignalSpy errors(&a, &AbstractCanAdapter::interfaceError);
-        QCOMPARE(a.open(), CAN::Ok);
-        QTcpSocket* peer = gw.accept();
-        QVERIFY(peer);
-        peer->disconnectFromHost();
-        QTRY_COMPARE_WITH_TIMEOUT(errors.count(), 1, 3000);
+        QVERIFY(openOn(gw, a));
+        if (dropped)
+            QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("longer than")));
+        // Long lines come in many reads; "long" is at their end. The CR counts, the LF not.
+        gw.send("[0] OK\r\n[1] " + QByteArray(length - 9, 'A') + "long\r\n[2] OK\r\n");
+        QTRY_VERIFY_WITH_TIMEOUT(texts(responses).join(QString()).endsWith("[2] OK\r\n"), 5000);
+        QCOMPARE(texts(responses).join(QString()).remove(QRegularExpression(QStringLiteral("A+"))), received);
+        QCOMPARE(errors.count(), dropped ? 1 : 0);
+    }
+
+    void connectionEnds_data()
+    {
+        QTest::addColumn<bool>("peerCloses");
+        QTest::newRow("the gateway closes: lost") << true;
+        QTest::newRow("our close: for good") << false;
+    }
+    void connectionEnds()
+    {
+        QFETCH(bool, peerCloses);
+        FakeGateway gw;
+        CiA309Adapter a{QString()};
+        QSignalSpy errors(&a, &AbstractCanAdapter::interfaceError);
+        QVERIFY(openOn(gw, a));
+        if (peerCloses)
+            gw.client()->disconnectFromHost();
+        else
+            a.close();
+        QTRY_COMPARE_WITH_TIMEOUT(errors.count(), peerCloses ? 1 : 0, 3000);
         qint16 slot = -1;
         QCOMPARE(a.sendCiA309Request(QStringLiteral("0 preop"), slot), CAN::Error);
         QCOMPARE(slot, qint16(0));
         QTest::qWait(20);
-        QCOMPARE(errors.count(), 1);
-    }
-
-    void closeIsForGood()
-    {
-        FakeGateway gw;
-        CiA309Adapter a{QString()};
-        gw.configure(a);
-        QSignalSpy errors(&a, &AbstractCanAdapter::interfaceError);
-        QCOMPARE(a.open(), CAN::Ok);
-        QVERIFY(gw.accept());
-        a.close();
-        QTest::qWait(20);
-        QCOMPARE(errors.count(), 0); // our own close is no loss of the connection
-        qint16 slot = -1;
-        QCOMPARE(a.sendCiA309Request(QStringLiteral("0 preop"), slot), CAN::Error);
-        QCOMPARE(slot, qint16(0));
-        QCOMPARE(a.open(), CAN::Error);
-        a.close(); // twice is harmless
+        QCOMPARE(errors.count(), peerCloses ? 1 : 0); // our own close is no loss of the connection
+        if (!peerCloses) {
+            QCOMPARE(a.open(), CAN::Error);
+            a.close(); // twice is harmless
+        }
     }
 
     void refusedConnectionFailsFast()
     {
-        quint16 closedPort;
-        {
-            QTcpServer probe;
-            QVERIFY(probe.listen(QHostAddress::LocalHost, 0));
-            closedPort = probe.serverPort();
-        }
         CiA309Adapter a{QString()};
-        a.setCanAdapterOption(AbstractCanAdapter::GatewayHost, QStringLiteral("127.0.0.1"));
-        a.setCanAdapterOption(AbstractCanAdapter::GatewayPort, uint(closedPort));
+        FakeGateway(this).configure(a); // a port that just stopped listening
         QSignalSpy errors(&a, &AbstractCanAdapter::interfaceError);
         QElapsedTimer t;
         t.start();
@@ -240,9 +218,7 @@ private Q_SLOTS:
     {
         FakeGateway gw;
         CiA309Adapter a{QString()};
-        gw.configure(a);
-        QCOMPARE(a.open(), CAN::Ok);
-        QVERIFY(gw.accept());
+        QVERIFY(openOn(gw, a));
         constexpr int Threads = 3, PerThread = 40;
         std::atomic<int> finished{0};
         // What each caller was told: the number of each of its requests.
@@ -262,25 +238,24 @@ private Q_SLOTS:
         for (std::thread& t : callers)
             t.join();
         // Every line whole, numbered in the order written, and its number the one its caller got.
-        const QList<QByteArray> lines = gw.receivedLines(Threads * PerThread).split('\n');
-        QCOMPARE(lines.size(), Threads * PerThread + 1);
+        QVERIFY(gw.waitForLines(Threads * PerThread));
+        const QStringList lines = gw.lines();
+        QCOMPARE(lines.size(), Threads * PerThread);
         for (int n = 0; n < Threads * PerThread; ++n) {
-            QRegularExpressionMatch m = QRegularExpression(QStringLiteral("^\\[(\\d+)\\] t(\\d) (\\d+)$"))
-                                            .match(QString::fromLatin1(lines[n]));
-            QVERIFY2(m.hasMatch(), lines[n].constData());
+            QRegularExpressionMatch m = QRegularExpression(QStringLiteral("^\\[(\\d+)\\] t(\\d) (\\d+)$")).match(lines[n]);
+            QVERIFY2(m.hasMatch(), qPrintable(lines[n]));
             QCOMPARE(m.captured(1).toInt(), n);
             QCOMPARE(int(numbers[size_t(m.captured(2).toInt())][size_t(m.captured(3).toInt())]), n);
         }
     }
 
-    // The services' command lines and the emergency report lines over a real connection.
+    // The services' command lines and the emergency report lines over a real
+    // connection; an upper-case report split in two segments makes one record.
     void servicesOverTheGateway()
     {
         FakeGateway gw;
         CiA309Adapter a{QString()};
-        gw.configure(a);
-        QCOMPARE(a.open(), CAN::Ok);
-        QVERIFY(gw.accept());
+        QVERIFY(openOn(gw, a));
         CanScheduler scheduler(&a);
         scheduler.connectToAdapter(true);
         NMTNetwork network(&scheduler);
@@ -291,15 +266,17 @@ private Q_SLOTS:
         QCOMPARE(network.preop(), CAN::Ok);
         QCOMPARE(slave.resetApplication(), CAN::Ok);
         QCOMPARE(slave.getExpectedNodeState(), NMTSlave::Unknown);
-        const QByteArray expected("[0] 0 preop\n[1] 5 reset node\n");
-        QCOMPARE(gw.received(expected.size()), expected);
+        QVERIFY(gw.waitForLines(2));
+        QCOMPARE(gw.lines(), (QStringList{"[0] 0 preop", "[1] 5 reset node"}));
 
-        gw.send("[0] OK\r\n5 emcy 0x8110 0x11 1 2 3 4 5\r\n6 emcy 0x1000 1 0 0 0 0 0\r\n");
-        QTRY_COMPARE_WITH_TIMEOUT(emergencies.count(), 1, 3000);
+        gw.send("[0] OK\r\n5 EMCY 0x8110 0x11 1 2 3 4 5\r\n6 emcy 0x1000 1 0 0 0 0 0\r\n", {26});
+        QTRY_VERIFY_WITH_TIMEOUT(gw.idle() && emergencies.count() >= 1, 3000);
+        QTest::qWait(20);
+        QCOMPARE(emergencies.count(), 1);
         const auto d = emergencies.at(0).at(0).value<EMCYConsumer::EMCYData>();
         QCOMPARE(d.errorCode, quint16(0x8110));
         QCOMPARE(d.errorRegister, quint8(0x11));
-        QCOMPARE(d.manufacturerData[4], quint8(5));
+        QCOMPARE(QByteArray(reinterpret_cast<const char*>(d.manufacturerData), 5), QByteArray("\1\2\3\4\5"));
     }
 };
 

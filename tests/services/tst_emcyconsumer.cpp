@@ -119,7 +119,7 @@ private Q_SLOTS:
         QTest::newRow("7 tokens, blank before CR LF") << "5 emcy 0x8110 0x11 1 2 3 \r\n" << QStringList{};
         QTest::newRow("other node") << "6 emcy 0x8110 0x11 1 2 3 4 5" << QStringList{};
         QTest::newRow("no word emcy") << "5 xxxx 0x8110 0x11 1 2 3 4 5" << QStringList{};
-        QTest::newRow("upper-case EMCY is no emcy") << "5 EMCY 0x8110 0x11 1 2 3 4 5" << QStringList{};
+        QTest::newRow("upper-case EMCY") << "5 EMCY 0x8110 0x11 1 2 3 4 5" << QStringList{"8110 11 01 02 03 04 05"};
         QTest::newRow("automatic number base") << "0x05 emcy 010 0x1F 9 0x0a 012 255 256"
                                                << QStringList{"0008 1f 09 0a 0a ff 00"};
         QTest::newRow("node field low 8 bits") << "261 emcy 1 2 3 4 5 6 7" << QStringList{"0001 02 03 04 05 06 07"};

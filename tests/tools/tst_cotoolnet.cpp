@@ -1,7 +1,7 @@
 // End-to-end tests of cotool's network commands (nmt, monitor, sync, emcy,
 // pdo): against the simulated device cosim on a private virtual bus, with
-// the frames checked on a second adapter, and through a gateway played by a
-// local TCP server that records the lines it receives.
+// the frames checked on a second adapter. Their gateway form is tested in
+// tst_cotoolgateway.
 #include "canopenmasterclass.h"
 #include "democanadapter.h"
 #include "framecollector.h"
@@ -9,8 +9,6 @@
 #include "testbus.h"
 #include "toolprocess.h"
 
-#include <QTcpServer>
-#include <QTcpSocket>
 #include <QtTest>
 #include <csignal>
 #include <memory>
@@ -38,46 +36,6 @@ QStringList events(const QStringList& lines)
     return result;
 }
 
-// A gateway: records every line it receives and answers each request with
-// the answer given for it (by default "[n] OK"); can push report lines.
-class FakeGateway : public QObject
-{
-public:
-    FakeGateway()
-    {
-        mServer.listen(QHostAddress::LocalHost, 0);
-        connect(&mServer, &QTcpServer::newConnection, this, [this]() {
-            while (QTcpSocket* s = mServer.nextPendingConnection()) {
-                mClient = s;
-                connect(s, &QTcpSocket::readyRead, this, [this, s]() {
-                    mPending += s->readAll();
-                    int end;
-                    while ((end = mPending.indexOf('\n')) >= 0) {
-                        const QByteArray line = mPending.left(end + 1);
-                        mPending.remove(0, end + 1);
-                        lines << QString::fromUtf8(line);
-                        const QByteArray seq = line.mid(0, line.indexOf(']') + 1);
-                        if (!answer.isNull())
-                            s->write(seq + ' ' + answer.toUtf8() + "\r\n");
-                    }
-                });
-            }
-        });
-    }
-    QString address() const { return QStringLiteral("127.0.0.1:%1").arg(mServer.serverPort()); }
-    void push(const QByteArray& text)
-    {
-        if (mClient)
-            mClient->write(text);
-    }
-    QStringList lines;
-    QString answer = QStringLiteral("OK"); // null: never answer
-
-private:
-    QTcpServer mServer;
-    QPointer<QTcpSocket> mClient;
-    QByteArray mPending;
-};
 } // namespace
 
 class tst_CotoolNet : public QObject
@@ -301,75 +259,6 @@ private Q_SLOTS:
         QCOMPARE(r.exitCode, 1);
         QCOMPARE(r.out, QString());
         QVERIFY2(r.err.contains("0 of 1 emergencies"), qPrintable(r.err));
-    }
-
-    void nmtThroughAGateway_data()
-    {
-        QTest::addColumn<QStringList>("args");
-        QTest::addColumn<QString>("answer"); // null: the gateway stays silent
-        QTest::addColumn<QString>("line");
-        QTest::addColumn<int>("exitCode");
-        QTest::addColumn<QString>("printed");
-        QTest::newRow("reset-node 5") << QStringList{"reset-node", "5"} << "OK" << "[0] 5 reset node\n" << 0
-                                      << "sent reset-node to node 5: [0] 5 reset node\ngateway answered: [0] OK\n";
-        QTest::newRow("start all") << QStringList{"start"} << "OK" << "[0] 0 start\n" << 0
-                                   << "sent start to all nodes: [0] 0 start\ngateway answered: [0] OK\n";
-        QTest::newRow("preop 127") << QStringList{"preop", "127"} << "OK" << "[0] 127 preop\n" << 0
-                                   << "sent preop to node 127: [0] 127 preop\ngateway answered: [0] OK\n";
-        QTest::newRow("reset-comm all") << QStringList{"reset-comm", "0"} << "OK" << "[0] 0 reset comm\n" << 0
-                                        << "sent reset-comm to all nodes: [0] 0 reset comm\ngateway answered: [0] OK\n";
-        QTest::newRow("gateway error") << QStringList{"stop", "3"} << "ERROR: 100" << "[0] 3 stop\n" << 1
-                                       << "sent stop to node 3: [0] 3 stop\ngateway answered: [0] ERROR: 100\n";
-        QTest::newRow("no answer") << QStringList{"stop", "3"} << QString() << "[0] 3 stop\n" << 1
-                                   << "sent stop to node 3: [0] 3 stop\n";
-    }
-    void nmtThroughAGateway()
-    {
-        QFETCH(QStringList, args);
-        QFETCH(QString, answer);
-        QFETCH(QString, line);
-        QFETCH(int, exitCode);
-        QFETCH(QString, printed);
-        FakeGateway gateway;
-        gateway.answer = answer;
-        ToolProcess nmt(kCotool, QStringList{"nmt", "--gateway", gateway.address()} + args);
-        QCOMPARE(nmt.finish(10000), exitCode);
-        QCOMPARE(gateway.lines, QStringList{line});
-        QCOMPARE(nmt.out(), printed);
-        if (answer.isNull())
-            QVERIFY2(nmt.err().contains("no answer from the gateway within 1000 ms"), qPrintable(nmt.err()));
-        QCOMPARE(mCollector->count(), 0); // nothing on CAN
-    }
-
-    void emcyThroughAGateway()
-    {
-        FakeGateway gateway;
-        ToolProcess emcy(kCotool, {"emcy", "5", "--gateway", gateway.address(), "--count", "2", "--duration", "10000"});
-        // Reports until it has seen enough; node 6's are not for it.
-        QTimer pusher;
-        connect(&pusher, &QTimer::timeout, &gateway, [&gateway]() {
-            gateway.push("6 emcy 0x1000 1 0 0 0 0 0\r\n5 emcy 0x8110 0x11 1 2 3 4 5\r\n");
-        });
-        pusher.start(100);
-        QTRY_VERIFY_WITH_TIMEOUT(!emcy.isRunning(), 10000);
-        QCOMPARE(emcy.finish(), 0);
-        QCOMPARE(events(emcy.outLines()),
-                 (QStringList{"node   5  EMCY 8110  register 11  data 01 02 03 04 05  (CAN overrun, objects lost)",
-                              "node   5  EMCY 8110  register 11  data 01 02 03 04 05  (CAN overrun, objects lost)"}));
-        QCOMPARE(gateway.lines, QStringList()); // it only listens
-    }
-
-    void gatewayThatIsNotThere()
-    {
-        // A port that just stopped listening refuses the connection.
-        QTcpServer server;
-        QVERIFY(server.listen(QHostAddress::LocalHost, 0));
-        const quint16 port = server.serverPort();
-        server.close();
-        const ToolProcess::Result r = ToolProcess::run(kCotool, {"nmt", "--gateway", QStringLiteral("127.0.0.1:%1").arg(port), "start"});
-        QCOMPARE(r.exitCode, 1);
-        QVERIFY2(r.err.contains("could not connect to the gateway"), qPrintable(r.err));
-        QCOMPARE(r.out, QString());
     }
 
 private:

@@ -87,5 +87,7 @@ int NmtCommand::run(const QCommandLineParser& parser, const ToolOptions& options
         return interrupted() ? Failure
                              : failure(QStringLiteral("no answer from the gateway within %1 ms").arg(GatewayAnswerMs));
     out(QStringLiteral("gateway answered: %1").arg(answer));
-    return answer.contains(QLatin1String("ERROR"), Qt::CaseInsensitive) ? Failure : Success;
+    // Only "OK" after the sequence number is success: an error, or anything cut short, is not.
+    const QString verdict = answer.mid(answer.indexOf(QLatin1Char(']')) + 1).trimmed();
+    return verdict.compare(QLatin1String("OK"), Qt::CaseInsensitive) == 0 ? Success : Failure;
 }
