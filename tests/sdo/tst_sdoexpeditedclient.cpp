@@ -12,6 +12,31 @@ class tst_SDOExpeditedClient : public QObject, private SdoEngineFixture<SDOExped
 {
     Q_OBJECT
 
+    enum Kind { Expedited, Segmented, Block };
+    static void addKinds()
+    {
+        QTest::addColumn<int>("kind");
+        QTest::newRow("expedited") << int(Expedited);
+        QTest::newRow("segmented") << int(Segmented);
+        QTest::newRow("block") << int(Block);
+    }
+    static SDOExpeditedClient* make(int kind, CanScheduler* s)
+    {
+        if (kind == Segmented)
+            return new SDOSegmentedClient(Rx, Tx, s);
+        return kind == Block ? static_cast<SDOExpeditedClient*>(new SDOBlockClient(Rx, Tx, s))
+                             : new SDOExpeditedClient(Rx, Tx, s);
+    }
+    // Writes countingBytes(n) with any of the three engines; the expedited
+    // one writes the UNSIGNED32 value of countingBytes(4).
+    static CAN::RetType startWrite(SDOExpeditedClient* e, quint16 idx, quint8 sub, int n)
+    {
+        if (auto* s = qobject_cast<SDOSegmentedClient*>(e))
+            return s->write(idx, sub, countingBytes(n));
+        if (auto* b = qobject_cast<SDOBlockClient*>(e))
+            return b->write(idx, sub, countingBytes(n));
+        return e->write(idx, sub, CAN::UNSIGNED32, 0x04030201u);
+    }
     // Starts a read on any of the three engines.
     static CAN::RetType startRead(SDOExpeditedClient* e, quint16 idx, quint8 sub)
     {
@@ -179,75 +204,6 @@ private Q_SLOTS:
         QCOMPARE(adapter->writtenCount(), 3);
     }
 
-    void zeroTimeoutIsFireAndForget()
-    {
-        QCOMPARE(engine->setSdoTimeout(0), CAN::Ok);
-        QCOMPARE(engine->getSdoTimeout(), 0u);
-        QCOMPARE(engine->read(0x2000, 1, CAN::UNSIGNED8), CAN::Ok);
-        QVERIFY(!engine->isBusy());
-        QCOMPARE(engine->write(0x2000, 1, CAN::UNSIGNED8, 5), CAN::Ok);
-        QVERIFY(!engine->isBusy());
-        adapter->injectHex(Rx, "60 00 20 01 00 00 00 00");
-        QTest::qWait(30);
-        QVERIFY(!ended());
-        QCOMPARE(adapter->writtenHex(), (QList<QByteArray>{"605:4000200100000000", "605:2f00200105000000"}));
-    }
-
-    void refusals()
-    {
-        QCOMPARE(engine->read(0x2000, 1, CAN::UNSIGNED8), CAN::Ok);
-        QCOMPARE(engine->read(0x2000, 2, CAN::UNSIGNED8), CAN::Busy);
-        QCOMPARE(engine->write(0x2000, 2, CAN::UNSIGNED8, 1), CAN::Busy);
-        QCOMPARE(engine->setSdoTimeout(10), CAN::Busy);
-        QCOMPARE(engine->getSdoTimeout(), 2000u);
-        QCOMPARE(engine->setCobIds(0x586, 0x606), CAN::Busy);
-        QCOMPARE(adapter->writtenCount(), 1);
-        adapter->injectHex(Rx, "4f 00 20 01 01 00 00 00"); // the first request is still served
-        QCOMPARE(results->count(), 1);
-
-        SDOExpeditedClient lone(Rx, Tx, nullptr);
-        QCOMPARE(lone.read(0x2000, 1, CAN::UNSIGNED8), CAN::Error);
-        QCOMPARE(lone.write(0x2000, 1, CAN::UNSIGNED8, 1), CAN::Error);
-        CanScheduler empty(nullptr);
-        QCOMPARE(lone.setCanScheduler(&empty), CAN::Ok);
-        QCOMPARE(lone.read(0x2000, 1, CAN::UNSIGNED8), CAN::Error);
-        QVERIFY(!lone.isBusy());
-
-        QCOMPARE(engine->abort(0), CAN::Ok);
-        for (CAN::RetType failure : {CAN::TxQueueFull, CAN::NotReady, CAN::Error}) {
-            adapter->failWrites(failure);
-            QCOMPARE(engine->read(0x2000, 1, CAN::UNSIGNED8), failure); // the adapter's own code
-            QVERIFY(!engine->isBusy());
-            QCOMPARE(engine->write(0x2000, 1, CAN::UNSIGNED8, 1), CAN::Error); // always 5
-            QVERIFY(!engine->isBusy());
-        }
-    }
-
-    void callerAbort_data()
-    {
-        QTest::addColumn<quint32>("code");
-        QTest::newRow("code 0: no frame") << 0u;
-        QTest::newRow("with code") << 0x06020000u;
-    }
-    void callerAbort()
-    {
-        QFETCH(quint32, code);
-        QCOMPARE(engine->setSdoTimeout(50), CAN::Ok);
-        QCOMPARE(engine->read(0x2000, 3, CAN::UNSIGNED8), CAN::Ok);
-        QCOMPARE(engine->abort(code), CAN::Ok);
-        QCOMPARE(emitted(*errors), (QVariantList{0x2000, 3, code}));
-        QVERIFY(!engine->isBusy());
-        QCOMPARE(option26(), QVariantList{false});
-        adapter->injectHex(Rx, "4f 00 20 03 01 00 00 00"); // too late
-        QTest::qWait(120);                                  // and no time-out either
-        QCOMPARE(errors->count(), 1);
-        QCOMPARE(results->count(), 0);
-        QList<QByteArray> frames{"605:4000200300000000"};
-        if (code)
-            frames << abortHex(0x2000, 3, code);
-        QCOMPARE(adapter->writtenHex(), frames);
-    }
-
     void setCobIdsMovesTheRegistration()
     {
         QCOMPARE(engine->setCobIds(0x58A, 0x60A), CAN::Ok);
@@ -379,28 +335,156 @@ private Q_SLOTS:
         scheduler->unregisterCan(first);
     }
 
-    void answersFromTheReceiveThreadReachTheCallersThread()
+    // Requests refused while a transfer runs, without an adapter, or when the
+    // adapter does not take the frame; a time-out of 0 makes an expedited
+    // transfer fire-and-forget, not a segmented or block one.
+    void refusals_data() { addKinds(); }
+    void refusals()
     {
-        // Answers from another thread, as from an adapter's receive loop:
-        // every outcome is still emitted in the engine's thread.
-        server.content = QByteArray("\x2a");
+        QFETCH(int, kind);
+        std::unique_ptr<SDOExpeditedClient> e(make(kind, scheduler));
+        QCOMPARE(startRead(e.get(), 0x2000, 1), CAN::Ok);
+        QCOMPARE(startRead(e.get(), 0x2000, 2), CAN::Busy);
+        QCOMPARE(startWrite(e.get(), 0x2000, 2, 3), CAN::Busy);
+        QCOMPARE(e->setSdoTimeout(10), CAN::Busy);
+        QCOMPARE(e->getSdoTimeout(), 2000u);
+        QCOMPARE(e->setCobIds(0x586, 0x606), CAN::Busy);
+        QVERIFY(e->isBusy());
+        QCOMPARE(adapter->writtenCount(), 1);
+        QCOMPARE(option26(), kind == Expedited ? QVariantList{} : QVariantList{true}); // the running transfer keeps it
+        QCOMPARE(e->abort(0), CAN::Ok);
+        for (CAN::RetType failure : {CAN::TxQueueFull, CAN::NotReady, CAN::Error}) {
+            adapter->clearOptionHistory();
+            adapter->failWrites(failure);
+            QCOMPARE(startRead(e.get(), 0x2000, 1), kind == Expedited ? failure : CAN::Error);
+            QCOMPARE(startWrite(e.get(), 0x2000, 1, 3), CAN::Error);
+            QVERIFY(!e->isBusy());
+            QCOMPARE(option26(), kind == Expedited ? QVariantList{} : (QVariantList{true, false, true, false}));
+        }
+        adapter->failWrites(CAN::Ok);
+        QCOMPARE(e->setSdoTimeout(0), CAN::Ok);
+        QCOMPARE(e->getSdoTimeout(), 0u);
+        QCOMPARE(startRead(e.get(), 0x2000, 1), CAN::Ok);
+        QTest::qWait(20);
+        QCOMPARE(e->isBusy(), kind != Expedited);
+
+        std::unique_ptr<SDOExpeditedClient> lone(make(kind, nullptr));
+        QCOMPARE(startRead(lone.get(), 0x2000, 1), CAN::Error);
+        QCOMPARE(startWrite(lone.get(), 0x2000, 1, 3), CAN::Error);
+        CanScheduler empty(nullptr);
+        QCOMPARE(lone->setCanScheduler(&empty), CAN::Ok);
+        QCOMPARE(startRead(lone.get(), 0x2000, 1), CAN::Error);
+        QVERIFY(!lone->isBusy());
+    }
+
+    // How a transfer ends early: the server aborts, falls silent (time-out),
+    // or the caller aborts with or without a code; at the initiate, or in
+    // mid-transfer (a block download with its segment pacing running, a
+    // block upload with three segments of 200 bytes received). Nothing
+    // follows the end, and a new transfer starts.
+    void endings_data()
+    {
+        QTest::addColumn<int>("kind");
+        QTest::addColumn<bool>("upload");
+        QTest::addColumn<int>("answered");
+        QTest::addColumn<int>("sent");
+        QTest::addColumn<QString>("ending");
+        for (const char* ending : {"server abort", "silence", "abort 0", "abort 0x05040001"}) {
+            for (bool up : {false, true}) {
+                const char* dir = up ? "upload" : "download";
+                QTest::addRow("expedited %s, %s", dir, ending) << int(Expedited) << up << 0 << 1 << QString(ending);
+                QTest::addRow("segmented %s at initiate, %s", dir, ending) << int(Segmented) << up << 0 << 1 << QString(ending);
+                QTest::addRow("segmented %s after two answers, %s", dir, ending) << int(Segmented) << up << 2 << 3 << QString(ending);
+                QTest::addRow("block %s at initiate, %s", dir, ending) << int(Block) << up << 0 << 1 << QString(ending);
+                QTest::addRow("block %s in mid-block, %s", dir, ending) << int(Block) << up << (up ? 2 : 1) << 2 << QString(ending);
+            }
+        }
+    }
+    void endings()
+    {
+        QFETCH(int, kind);
+        QFETCH(bool, upload);
+        QFETCH(int, answered);
+        QFETCH(int, sent);
+        QFETCH(QString, ending);
+        std::unique_ptr<SDOExpeditedClient> e(make(kind, scheduler));
+        QSignalSpy res(e.get(), &SDOExpeditedClient::resultReceived);
+        QSignalSpy err(e.get(), &SDOExpeditedClient::errorReceived);
+        server.content = countingBytes(200);
+        server.silentAfter = 3;
+        server.answerRequests = answered;
+        QCOMPARE(e->setSdoTimeout(60), CAN::Ok);
+        QCOMPARE(upload ? startRead(e.get(), 0x2200, 1) : startWrite(e.get(), 0x2200, 1, 2000), CAN::Ok);
+        QVERIFY(responder->serveUntil([&] { return adapter->writtenCount() == sent; }));
+        responder->serveWaiting();
+        if (upload && kind == Block)
+            QCOMPARE(qobject_cast<SDOBlockClient*>(e.get())->getCurrentlyReceivedData(), countingBytes(answered ? 21 : 0));
+        QVariantList error{0x2200, 1, 0x05040000u};
+        if (ending == "server abort") {
+            // The segmented engine reports the entry the frame names.
+            const QByteArray sub = kind == Segmented ? "07" : "01";
+            adapter->injectHex(Rx, ("80 00 22 " + sub + " 00 00 02 06").constData());
+            error = {0x2200, sub.toInt(), 0x06020000u};
+        } else if (ending == "silence") {
+            QVERIFY(responder->serveUntil([&] { return !err.isEmpty(); }));
+            sent = adapter->writtenCount(); // a block download's block goes out before the time-out
+            QCOMPARE(frameHex(adapter->lastWritten()), abortHex(0x2200, 1, 0x05040000));
+        } else {
+            error[2] = ending.mid(6).toUInt(nullptr, 0);
+            QCOMPARE(e->abort(error[2].toUInt()), CAN::Ok);
+            if (error[2].toUInt()) {
+                QCOMPARE(frameHex(adapter->lastWritten()), abortHex(0x2200, 1, error[2].toUInt()));
+                ++sent;
+            }
+        }
+        QCOMPARE(err.count(), 1);
+        QCOMPARE(emitted(err), error);
+        if (kind != Expedited)
+            QCOMPARE(option26(), (QVariantList{true, false}));
+        QVERIFY(!e->isBusy());
+        adapter->injectHex(Rx, "a2 7f 7f 00 00 00 00 00"); // late: no segment, no end frame
+        QTest::qWait(100);                                  // no paced segment, no time-out either
+        QCOMPARE(adapter->writtenCount(), sent);
+        QCOMPARE(err.count(), 1);
+        QCOMPARE(res.count(), 0);
+        QCOMPARE(startRead(e.get(), 0x2200, 2), CAN::Ok);
+    }
+
+    // Answers from another thread, as from an adapter's receive loop: every
+    // outcome and progress report is still emitted in the engine's thread.
+    void answersFromAnotherThread_data() { addKinds(); }
+    void answersFromAnotherThread()
+    {
+        QFETCH(int, kind);
+        std::unique_ptr<SDOExpeditedClient> e(make(kind, scheduler));
+        QSignalSpy res(e.get(), &SDOExpeditedClient::resultReceived);
+        server.content = kind == Expedited ? QByteArray("\x2a") : countingBytes(300);
+        server.downloadBlockSize = 10;
         responder->start();
         QThread* const testThread = QThread::currentThread();
-        std::atomic<int> foreignEmissions{0};
-        connect(engine, &SDOExpeditedClient::resultReceived, this, [&] {
-            if (QThread::currentThread() != testThread)
-                ++foreignEmissions;
-        });
+        std::atomic<int> foreign{0};
+        const auto count = [&] { foreign += QThread::currentThread() != testThread; };
+        connect(e.get(), &SDOExpeditedClient::resultReceived, this, count);
+        connect(e.get(), &SDOExpeditedClient::errorReceived, this, count);
+        if (auto* s = qobject_cast<SDOSegmentedClient*>(e.get()))
+            connect(s, &SDOSegmentedClient::progress, this, count);
+        else if (auto* b = qobject_cast<SDOBlockClient*>(e.get()))
+            connect(b, &SDOBlockClient::progress, this, count);
+        const QVariant value = kind == Expedited ? QVariant(0x2a) : QVariant(server.content);
         bool ok = true;
-        for (int i = 0; i < 200 && ok; ++i) {
-            ok = engine->read(0x2000, 1, CAN::UNSIGNED8) == CAN::Ok;
+        const int rounds = kind == Expedited ? 200 : 20;
+        for (int i = 0; i < rounds && ok; ++i) {
+            ok = startRead(e.get(), 0x2000, 1) == CAN::Ok;
             // The outcome is posted to this thread: it cannot have arrived yet.
-            ok = ok && results->count() == i && results->wait(5000) && results->count() == i + 1
-                 && emitted(*results, i).value(2) == QVariant(0x2a);
+            ok = ok && res.count() == i && res.wait(5000) && res.count() == i + 1 && emitted(res, i).value(2) == value;
         }
         QVERIFY(ok);
-        QCOMPARE(foreignEmissions.load(), 0);
-        QCOMPARE(errors->count(), 0);
+        QCOMPARE(startWrite(e.get(), 0x2000, 2, 250), CAN::Ok);
+        QTRY_COMPARE_WITH_TIMEOUT(res.count(), rounds + 1, 5000);
+        responder->stop();
+        QCOMPARE(server.received, countingBytes(kind == Expedited ? 4 : 250));
+        QCOMPARE(foreign.load(), 0);
+        QVERIFY(!e->isBusy());
     }
 };
 

@@ -132,59 +132,6 @@ private Q_SLOTS:
         QCOMPARE(option26(), (QVariantList{true, false}));
     }
 
-    // How a transfer ends early: the server aborts (naming sub-index 7), falls
-    // silent (time-out), or the caller aborts with or without a code; at the
-    // initiate or after two answers. Nothing follows the end.
-    void endings_data()
-    {
-        QTest::addColumn<bool>("upload");
-        QTest::addColumn<int>("answered");
-        QTest::addColumn<QString>("ending");
-        for (const char* ending : {"server abort", "silence", "abort 0", "abort 0x05040001"})
-            for (int answered : {0, 2})
-                for (bool upload : {false, true})
-                    QTest::addRow("%s, %s after %d answers", ending, upload ? "upload" : "download", answered)
-                        << upload << answered << QString::fromLatin1(ending);
-    }
-    void endings()
-    {
-        QFETCH(bool, upload);
-        QFETCH(int, answered);
-        QFETCH(QString, ending);
-        server.content = countingBytes(40);
-        server.answerRequests = answered;
-        QCOMPARE(engine->setSdoTimeout(60), CAN::Ok);
-        QCOMPARE(upload ? engine->read(0x2100, 1) : engine->write(0x2100, 1, countingBytes(40)), CAN::Ok);
-        QVERIFY(responder->serveUntil([&] { return adapter->writtenCount() == answered + 1; }));
-        int sent = answered + 1;
-        QVariantList error{0x2100, 1, 0x05040000u};
-        if (ending == "server abort") {
-            adapter->injectHex(Rx, "80 00 21 07 00 00 09 06");
-            error = {0x2100, 7, 0x06090000u};
-        } else if (ending == "silence") {
-            QVERIFY(responder->serveUntil([&] { return ended(); }));
-            QCOMPARE(frameHex(adapter->lastWritten()), abortHex(0x2100, 1, 0x05040000));
-            ++sent;
-        } else {
-            const quint32 code = ending.mid(6).toUInt(nullptr, 0);
-            QCOMPARE(engine->abort(code), CAN::Ok);
-            error[2] = code;
-            if (code) {
-                QCOMPARE(frameHex(adapter->lastWritten()), abortHex(0x2100, 1, code));
-                ++sent;
-            }
-        }
-        QCOMPARE(errors->count(), 1);
-        QCOMPARE(emitted(*errors), error);
-        QCOMPARE(option26(), (QVariantList{true, false}));
-        QVERIFY(!engine->isBusy());
-        adapter->injectHex(Rx, "20 00 00 00 00 00 00 00"); // late answer: no next segment
-        QTest::qWait(100);                                  // and no time-out either
-        QCOMPARE(adapter->writtenCount(), sent);
-        QCOMPARE(errors->count(), 1);
-        QCOMPARE(results->count(), 0);
-    }
-
     void answersKeepTheTransferAlive()
     {
         // Each answer restarts the time-out: a slow but steady server is served
@@ -198,66 +145,6 @@ private Q_SLOTS:
         QCOMPARE(errors->count(), 0);
         QCOMPARE(results->count(), 1);
         QCOMPARE(server.received, countingBytes(28));
-    }
-
-    void refusals()
-    {
-        QCOMPARE(engine->read(0x2100, 1), CAN::Ok);
-        QCOMPARE(engine->read(0x2100, 2), CAN::Busy);
-        QCOMPARE(engine->write(0x2100, 2, countingBytes(3)), CAN::Busy);
-        QCOMPARE(option26(), QVariantList{true}); // the running transfer keeps it
-        QCOMPARE(engine->setSdoTimeout(10), CAN::Busy);
-        QCOMPARE(engine->setCobIds(0x586, 0x606), CAN::Busy);
-        QCOMPARE(adapter->writtenCount(), 1);
-        QCOMPARE(engine->abort(0), CAN::Ok);
-
-        adapter->clearOptionHistory();
-        adapter->failWrites(CAN::TxQueueFull);
-        QCOMPARE(engine->write(0x2100, 1, countingBytes(3)), CAN::Error);
-        QCOMPARE(option26(), (QVariantList{true, false}));
-        QCOMPARE(engine->read(0x2100, 1), CAN::Error);
-        QVERIFY(!engine->isBusy());
-
-        SDOSegmentedClient lone(Rx, Tx, nullptr);
-        QCOMPARE(lone.read(0x2100, 1), CAN::Error);
-        QCOMPARE(lone.write(0x2100, 1, countingBytes(3)), CAN::Error);
-
-        // A time-out of 0 makes expedited transfers fire-and-forget; a
-        // segmented one cannot be, so it does not end at once.
-        adapter->failWrites(CAN::Ok);
-        QCOMPARE(engine->setSdoTimeout(0), CAN::Ok);
-        QCOMPARE(engine->read(0x2100, 1), CAN::Ok);
-        QTest::qWait(50);
-        QVERIFY(engine->isBusy());
-        adapter->injectHex(Rx, "4f 00 21 01 05 00 00 00");
-        QCOMPARE(emitted(*results), (QVariantList{0x2100, 1, QByteArray("\x05")}));
-    }
-
-    void transfersAnsweredFromAnotherThread()
-    {
-        server.content = countingBytes(300);
-        responder->start();
-        QThread* const testThread = QThread::currentThread();
-        std::atomic<int> foreign{0};
-        connect(engine, &SDOSegmentedClient::progress, this, [&] {
-            if (QThread::currentThread() != testThread)
-                ++foreign;
-        });
-        QCOMPARE(engine->read(0x2100, 1), CAN::Ok);
-        QTRY_COMPARE_WITH_TIMEOUT(results->count(), 1, 5000);
-        QCOMPARE(emitted(*results).value(2), QVariant(countingBytes(300)));
-        const QList<int> up = firstArguments(*progress);
-        QVERIFY(!up.isEmpty() && std::is_sorted(up.begin(), up.end()));
-        QCOMPARE(up.last(), 100);
-
-        QCOMPARE(engine->write(0x2100, 2, countingBytes(250)), CAN::Ok);
-        QTRY_COMPARE_WITH_TIMEOUT(results->count(), 2, 5000);
-        responder->stop();
-        QCOMPARE(server.received, countingBytes(250));
-        QCOMPARE(errors->count(), 0);
-        QCOMPARE(foreign.load(), 0);
-        QCOMPARE(option26(), (QVariantList{true, false, true, false}));
-        QVERIFY(!engine->isBusy());
     }
 };
 
