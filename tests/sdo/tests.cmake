@@ -1,7 +1,6 @@
 canopen_add_test(sdo tst_sdoexpeditedclient)
 canopen_add_test(sdo tst_sdosegmentedclient)
 canopen_add_test(sdo tst_sdoblockclient)
-canopen_add_test(sdo tst_sdoenginesvirtualbus)
 if(CANOPEN_BUILD_TOOLS)
   # Against the simulated device, in this process and as the cosim program.
   canopen_add_test(sdo tst_sdoendtoend)

@@ -27,6 +27,10 @@ QByteArray entryAnswer(quint8 command, const CAN::CanMessage& request, quint32 p
 QList<QByteArray> ScriptedSdoServer::answer(const CAN::CanMessage& m)
 {
     const quint8 c = m.data[0];
+    if (answerRequests == 0)
+        return {};
+    if (answerRequests > 0)
+        --answerRequests;
     if (c == 0x80) {
         mMode = Idle;
         return {};

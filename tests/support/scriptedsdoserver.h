@@ -19,6 +19,7 @@ public:
     quint8 downloadBlockSize = 127;
     int confirmOnly = 0;           // block download: confirm only this many segments
     int silentAfter = -1;          // block upload: send no more segments after this many
+    int answerRequests = -1;       // answer only this many frames, then fall silent
     QByteArray received;
 
     // The answer frames (8 bytes each) to one request; none to an abort.

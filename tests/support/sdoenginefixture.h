@@ -4,6 +4,8 @@
 #include "canscheduler.h"
 #include "qtwarningtrap.h"
 #include "recordingcanadapter.h"
+#include "scriptedresponder.h"
+#include "scriptedsdoserver.h"
 
 #include <QSignalSpy>
 #include <QtTest>
@@ -28,9 +30,28 @@ inline QList<int> firstArguments(const QSignalSpy& spy)
     return values;
 }
 
+// The arguments of a spy's emission i: index, sub-index and the value (taken
+// out of the QVariant the signal carries) or the abort code.
+inline QVariantList emitted(const QSignalSpy& spy, int i = 0)
+{
+    QVariantList args = spy.value(i);
+    if (args.size() == 3 && args.at(2).userType() == QMetaType::QVariant)
+        args[2] = args.at(2).value<QVariant>();
+    return args;
+}
+
+// An abort frame to node 5 in frameHex() form, written out byte by byte.
+inline QByteArray abortHex(quint16 idx, quint8 sub, quint32 code)
+{
+    const char b[8] = {char(0x80), char(idx), char(idx >> 8), char(sub),
+                       char(code), char(code >> 8), char(code >> 16), char(code >> 24)};
+    return "605:" + QByteArray(b, 8).toHex();
+}
+
 // Shared set-up of the SDO engine unit tests: a recording adapter, a
 // connected scheduler, the engine for node 5 (answers on 0x585, requests on
-// 0x605) and spies on its outcome signals. A test class derives from it
+// 0x605), spies on its outcome signals and a scripted SDO server that
+// answers the adapter's frames when the test lets the responder serve. A test class derives from it
 // next to QObject and calls setUp() in init() and tearDown() in cleanup();
 // tearDown() fails the test if Qt warned about thread misuse.
 template<typename Engine>
@@ -47,6 +68,8 @@ protected:
     QSignalSpy* results = nullptr;
     QSignalSpy* errors = nullptr;
     QSignalSpy* progress = nullptr; // only for engines that report progress
+    ScriptedSdoServer server;
+    ScriptedResponder* responder = nullptr;
 
     void setUp()
     {
@@ -54,6 +77,8 @@ protected:
         scheduler = new CanScheduler(adapter);
         scheduler->connectToAdapter(true);
         engine = new Engine(Rx, Tx, scheduler);
+        server = ScriptedSdoServer();
+        responder = new ScriptedResponder(adapter, Rx, [this](const CAN::CanMessage& m) { return server.answer(m); });
         results = new QSignalSpy(engine, &Engine::resultReceived);
         errors = new QSignalSpy(engine, &Engine::errorReceived);
         if constexpr (HasProgress<Engine>::value)
@@ -62,6 +87,7 @@ protected:
 
     void tearDown()
     {
+        delete responder; // stops its thread first
         delete results;
         delete errors;
         delete progress;
