@@ -80,6 +80,7 @@ private Q_SLOTS:
         for (int i = 0; i < arrivedLength; ++i)
             QCOMPARE(int(rx.data[i]), i < length ? i + 1 : 0);
         a.close();
+        b.close(); // before its collector goes: late repeats may still arrive
         QCOMPARE(stateA.count(), 2);
         QCOMPARE(stateA.at(0).at(0).value<CAN::CanState>(), CAN::ErrorActive);
         QCOMPARE(stateA.at(1).at(0).value<CAN::CanState>(), CAN::Closed);
