@@ -1,6 +1,4 @@
-canopen_add_test(core tst_cantypes)
 canopen_add_test(core tst_canscheduler)
 canopen_add_test(core tst_canopenservice)
 canopen_add_test(core tst_timerthread)
 canopen_add_test(core tst_abstractcanadapter)
-canopen_add_test(core tst_canschedulerindex)

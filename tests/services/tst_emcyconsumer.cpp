@@ -40,9 +40,6 @@ private Q_SLOTS:
         QTest::newRow("full frame")
             << makeRxFrame(0x85, {0x10, 0x81, 0x11, 0x01, 0x02, 0x03, 0x04, 0x05}) << "8110 11 01 02 03 04 05";
         QTest::newRow("length 2: the rest is zero") << makeRxFrame(0x85, {0x10, 0x81}) << "8110 00 00 00 00 00 00";
-        QTest::newRow("length 0") << makeRxFrame(0x85, {}) << "0000 00 00 00 00 00 00";
-        QTest::newRow("error reset")
-            << makeRxFrame(0x85, {0x00, 0x00, 0x00, 0, 0, 0, 0, 0}) << "0000 00 00 00 00 00 00";
         QTest::newRow("longer FD frame: 8 bytes used")
             << makeRxFrame(0x85, {0x00, 0x50, 0x01, 1, 2, 3, 4, 5, 0xAA, 0xBB}) << "5000 01 01 02 03 04 05";
     }
@@ -59,15 +56,10 @@ private Q_SLOTS:
         QCOMPARE(records(spy), QStringList{record});
     }
 
-    void frameOfAnotherIdentifierIsNotDecoded()
-    {
-        EMCYConsumer consumer(0x85);
-        QSignalSpy spy(&consumer, &EMCYConsumer::newEmcyData);
-        consumer.newCanMessageReceived(makeRxFrame(0x86, {1, 2, 3}));
-        QCOMPARE(spy.count(), 0);
-    }
-
-    void setCanSchedulerAloneDoesNotDeliverFrames()
+    // setCanScheduler() alone delivers no frames (kept as it always was);
+    // setCobId() registers and moves the registration; a frame of another
+    // identifier handed to the slot is not decoded.
+    void cobIdRegistration()
     {
         RecordingCanAdapter adapter;
         CanScheduler scheduler(&adapter);
@@ -75,31 +67,16 @@ private Q_SLOTS:
         EMCYConsumer consumer(0x85);
         QSignalSpy spy(&consumer, &EMCYConsumer::newEmcyData);
         consumer.setCanScheduler(&scheduler);
-        adapter.inject(0x85, {0x10, 0x81, 0x11});
-        QCOMPARE(spy.count(), 0); // kept as it always was
+        adapter.inject(0x85, {0x01});
+        QCOMPARE(spy.count(), 0);
         consumer.setCobId(0x85);
         adapter.inject(0x85, {0x10, 0x81, 0x11});
-        QCOMPARE(records(spy), QStringList{"8110 11 00 00 00 00 00"});
-    }
-
-    void newCobIdMovesTheRegistration()
-    {
-        RecordingCanAdapter adapter;
-        CanScheduler scheduler(&adapter);
-        scheduler.connectToAdapter(true);
-        EMCYConsumer consumer(0x85, &scheduler);
-        QSignalSpy spy(&consumer, &EMCYConsumer::newEmcyData);
         consumer.setCobId(0x86);
         QCOMPARE(consumer.cobId(), 0x86u);
         adapter.inject(0x85, {0x01});
-        QCOMPARE(spy.count(), 0);
         adapter.inject(0x86, {0x02});
-        QCOMPARE(records(spy), QStringList{"0002 00 00 00 00 00 00"});
-
-        EMCYConsumer noScheduler;
-        noScheduler.setCobId(0x90); // only stored
-        QCOMPARE(noScheduler.cobId(), 0x90u);
-        noScheduler.setCanScheduler(nullptr);
+        consumer.newCanMessageReceived(makeRxFrame(0x87, {1, 2, 3}));
+        QCOMPARE(records(spy), (QStringList{"8110 11 00 00 00 00 00", "0002 00 00 00 00 00 00"}));
     }
 
     void gatewayLines_data()
@@ -179,36 +156,23 @@ private Q_SLOTS:
         QCOMPARE(spy.count(), emissions);
     }
 
+    // Half of the lines look like emergency reports of our node with any
+    // number of odd tokens, the rest is noise; that nothing is read out of
+    // bounds is the sanitizer builds' check.
     void malformedTextNeverCrashes()
     {
         EMCYConsumer consumer(0x85);
         QSignalSpy spy(&consumer, &EMCYConsumer::newEmcyData);
         QRandomGenerator rng(309);
         const QString alphabet = QStringLiteral(" \r\n\t0123456789xabcdefemcyEMCY-[]\0");
-        auto randomText = [&](int maxLength) {
-            QString s;
-            const int len = int(rng.bounded(maxLength));
+        for (int round = 0; round < 3000; ++round) {
+            QString s = round % 2 == 0 ? QStringLiteral("5 emcy ") : QString();
+            const int len = int(rng.bounded(round % 2 == 0 ? 40 : 80));
             for (int i = 0; i < len; ++i)
                 s += alphabet.at(int(rng.bounded(alphabet.size())));
-            return s;
-        };
-        for (int round = 0; round < 3000; ++round) {
-            // Half of the lines look like emergency reports of our node with
-            // any number of (odd) tokens; the rest is noise.
-            QString s;
-            if (round % 2 == 0) {
-                s = QStringLiteral("5 emcy");
-                const int tokens = int(rng.bounded(12));
-                for (int i = 0; i < tokens; ++i)
-                    s += QLatin1Char(' ') + randomText(6);
-            } else {
-                s = randomText(80);
-            }
             consumer.newCiA309Response(s);
         }
-        // The decoding path was taken; that nothing is read out of bounds is
-        // the sanitizer builds' check.
-        QVERIFY(spy.count() > 0);
+        QVERIFY(spy.count() > 0); // the decoding path was taken
     }
 };
 

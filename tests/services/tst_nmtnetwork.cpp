@@ -12,111 +12,64 @@ private Q_SLOTS:
     void initTestCase() { CanopenMaster master; }
     void cleanup() { CANopenService::activateCANopenFD(false); }
 
-    void commandFramesOnCan_data()
+    // The broadcast frame on CAN (node 0: all nodes) and the line on the
+    // gateway; a value outside the table goes out as given, or as an empty line.
+    void commands_data()
     {
         QTest::addColumn<int>("command");
-        QTest::addColumn<quint8>("specifier");
         QTest::addColumn<bool>("fd");
-        QTest::newRow("start") << 1 << quint8(0x01) << false;
-        QTest::newRow("stop") << 2 << quint8(0x02) << false;
-        QTest::newRow("preop") << 128 << quint8(0x80) << false;
-        QTest::newRow("reset node") << 129 << quint8(0x81) << false;
-        QTest::newRow("reset comm") << 130 << quint8(0x82) << false;
-        QTest::newRow("preop, CANopen FD") << 128 << quint8(0x80) << true;
-        QTest::newRow("value outside the table") << 3 << quint8(0x03) << false;
-    }
-    void commandFramesOnCan()
-    {
-        QFETCH(int, command);
-        QFETCH(quint8, specifier);
-        QFETCH(bool, fd);
-        RecordingCanAdapter adapter;
-        CanScheduler scheduler(&adapter);
-        NMTNetwork nmt(&scheduler);
-        CANopenService::activateCANopenFD(fd);
-
-        CAN::RetType result;
-        switch (command) { // through the convenience calls where there is one
-        case 1: result = nmt.start(); break;
-        case 2: result = nmt.stop(); break;
-        case 128: result = nmt.preop(); break;
-        case 129: result = nmt.resetAppl(); break;
-        case 130: result = nmt.resetComm(); break;
-        default: result = nmt.sendCommand(NMTNetwork::NmtCommands(command)); break;
-        }
-        QCOMPARE(result, CAN::Ok);
-        QCOMPARE(adapter.writtenCount(), 1);
-        const CAN::CanMessage m = adapter.lastWritten();
-        QCOMPARE(m.id, 0u);
-        QCOMPARE(int(m.length), 2);
-        QCOMPARE(frameData(m), QByteArray(1, char(specifier)) + char(0)); // node 0: all nodes
-        QCOMPARE(m.fd, fd);
-        QCOMPARE(m.rtr, false);
-        QCOMPARE(m.extended, false);
-        QCOMPARE(m.brs, false);
-    }
-
-    void commandLinesOnTheGateway_data()
-    {
-        QTest::addColumn<int>("command");
         QTest::addColumn<QString>("line");
-        QTest::newRow("start") << 1 << "0 start";
-        QTest::newRow("stop") << 2 << "0 stop";
-        QTest::newRow("preop") << 128 << "0 preop";
-        QTest::newRow("reset node") << 129 << "0 reset node";
-        QTest::newRow("reset comm") << 130 << "0 reset comm";
-        QTest::newRow("value outside the table: empty line") << 3 << "";
+        QTest::newRow("start") << 1 << false << "0 start";
+        QTest::newRow("stop") << 2 << false << "0 stop";
+        QTest::newRow("preop, CANopen FD") << 128 << true << "0 preop";
+        QTest::newRow("reset node") << 129 << false << "0 reset node";
+        QTest::newRow("reset comm") << 130 << false << "0 reset comm";
+        QTest::newRow("outside the table") << 3 << false << "";
     }
-    void commandLinesOnTheGateway()
+    void commands()
     {
         QFETCH(int, command);
+        QFETCH(bool, fd);
         QFETCH(QString, line);
-        RecordingCanAdapter adapter;
-        adapter.setOptionAnswer(AbstractCanAdapter::CiA309Gateway, true);
-        CanScheduler scheduler(&adapter);
-        NMTNetwork nmt;
-        QCOMPARE(nmt.setCanScheduler(&scheduler), CAN::Ok);
+        RecordingCanAdapter adapter, gatewayAdapter;
+        gatewayAdapter.setOptionAnswer(AbstractCanAdapter::CiA309Gateway, true);
+        CanScheduler scheduler(&adapter), gatewayScheduler(&gatewayAdapter);
+        NMTNetwork nmt(&scheduler), gateway;
+        QCOMPARE(gateway.setCanScheduler(&gatewayScheduler), CAN::Ok);
+        CANopenService::activateCANopenFD(fd);
         QCOMPARE(nmt.sendCommand(NMTNetwork::NmtCommands(command)), CAN::Ok);
-        QCOMPARE(adapter.requests(), QStringList{line});
-        QCOMPARE(adapter.writtenCount(), 0);
+        QCOMPARE(adapter.writtenHex(), QList<QByteArray>{"0:" + (QByteArray(1, char(command)) + '\0').toHex()});
+        const CAN::CanMessage m = adapter.lastWritten();
+        QCOMPARE(m.fd, fd);
+        QVERIFY(!m.rtr && !m.extended && !m.brs);
+        QCOMPARE(gateway.sendCommand(NMTNetwork::NmtCommands(command)), CAN::Ok);
+        QCOMPARE(gatewayAdapter.requests(), QStringList{line});
+        QCOMPARE(gatewayAdapter.writtenCount(), 0);
     }
 
-    void errorsOfTheAdapterComeBackUnchanged_data()
+    // The adapter's failures come back unchanged; without scheduler or
+    // adapter (also one that vanished) nothing is sent.
+    void failures()
     {
-        QTest::addColumn<bool>("gateway");
-        QTest::addColumn<int>("failure");
-        QTest::newRow("CAN, queue full") << false << int(CAN::TxQueueFull);
-        QTest::newRow("CAN, not ready") << false << int(CAN::NotReady);
-        QTest::newRow("gateway, error") << true << int(CAN::Error);
-    }
-    void errorsOfTheAdapterComeBackUnchanged()
-    {
-        QFETCH(bool, gateway);
-        QFETCH(int, failure);
-        RecordingCanAdapter adapter;
-        adapter.setOptionAnswer(AbstractCanAdapter::CiA309Gateway, gateway);
-        adapter.failWrites(CAN::RetType(failure));
-        CanScheduler scheduler(&adapter);
-        NMTNetwork nmt(&scheduler);
-        QCOMPARE(int(nmt.stop()), failure);
-    }
+        RecordingCanAdapter adapter, gatewayAdapter;
+        adapter.failWrites(CAN::TxQueueFull);
+        gatewayAdapter.setOptionAnswer(AbstractCanAdapter::CiA309Gateway, true);
+        gatewayAdapter.failWrites(CAN::Error);
+        CanScheduler scheduler(&adapter), gatewayScheduler(&gatewayAdapter);
+        QCOMPARE(NMTNetwork(&scheduler).stop(), CAN::TxQueueFull);
+        QCOMPARE(NMTNetwork(&gatewayScheduler).stop(), CAN::Error);
 
-    void withoutSchedulerOrAdapterNothingIsSent()
-    {
         NMTNetwork lonely;
         QCOMPARE(lonely.start(), CAN::Error);
         QCOMPARE(lonely.sendCiA309Command(NMTNetwork::Start), CAN::Error);
-
         CanScheduler noAdapter(nullptr);
-        NMTNetwork nmt(&noAdapter);
-        QCOMPARE(nmt.preop(), CAN::Error);
-
-        RecordingCanAdapter adapter;
-        auto* scheduler = new CanScheduler(&adapter);
-        NMTNetwork orphan(scheduler);
-        delete scheduler; // the guarded pointer notices
+        QCOMPARE(NMTNetwork(&noAdapter).preop(), CAN::Error);
+        RecordingCanAdapter quiet;
+        auto* gone = new CanScheduler(&quiet);
+        NMTNetwork orphan(gone);
+        delete gone; // the guarded pointer notices
         QCOMPARE(orphan.resetComm(), CAN::Error);
-        QCOMPARE(adapter.writtenCount(), 0);
+        QCOMPARE(quiet.writtenCount(), 0);
     }
 };
 

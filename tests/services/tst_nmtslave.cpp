@@ -64,45 +64,6 @@ private Q_SLOTS:
     }
     void cleanup() { CANopenService::activateCANopenFD(false); }
 
-    void helpers_data()
-    {
-        QTest::addColumn<int>("byte");
-        QTest::addColumn<int>("state");
-        QTest::newRow("boot-up") << 0x00 << int(S::BootUp);
-        QTest::newRow("pre-operational") << 0x7F << int(S::PreOperational);
-        QTest::newRow("pre-operational, toggled") << 0xFF << int(S::PreOperational);
-        QTest::newRow("operational") << 0x05 << int(S::Operational);
-        QTest::newRow("operational, toggled") << 0x85 << int(S::Operational);
-        QTest::newRow("stopped") << 0x04 << int(S::Stopped);
-        QTest::newRow("stopped, toggled") << 0x84 << int(S::Stopped);
-        QTest::newRow("no state") << 0x01 << int(S::Unknown);
-        QTest::newRow("no state, toggled") << 0xAA << int(S::Unknown);
-    }
-    void helpers()
-    {
-        QFETCH(int, byte);
-        QFETCH(int, state);
-        QCOMPARE(int(S::nmtByte2State(quint8(byte))), state);
-    }
-
-    void commandToState_data()
-    {
-        QTest::addColumn<int>("command");
-        QTest::addColumn<int>("state");
-        QTest::newRow("start") << 1 << int(S::Operational);
-        QTest::newRow("stop") << 2 << int(S::Stopped);
-        QTest::newRow("preop") << 128 << int(S::PreOperational);
-        QTest::newRow("reset node") << 129 << int(S::PreOperational);
-        QTest::newRow("reset comm") << 130 << int(S::PreOperational);
-        QTest::newRow("other") << 3 << int(S::Unknown);
-    }
-    void commandToState()
-    {
-        QFETCH(int, command);
-        QFETCH(int, state);
-        QCOMPARE(int(S::command2State(NMTNetwork::NmtCommands(command))), state);
-    }
-
     void timediffDropsSubMilliseconds_data()
     {
         QTest::addColumn<CAN::CanTimeStamp>("a");
@@ -121,99 +82,59 @@ private Q_SLOTS:
         QCOMPARE(S::timediff(a, b), ms);
     }
 
-    void commandFramesForOneNode_data()
+    // The frame on CAN (the expected state set before sending, kept when
+    // the write fails) and the line on the gateway (expected state untouched).
+    void commandsForOneNode_data()
     {
         QTest::addColumn<int>("node");
         QTest::addColumn<int>("command");
         QTest::addColumn<int>("expectedState");
         QTest::addColumn<bool>("fd");
-        QTest::newRow("start 5") << 5 << 1 << int(S::Operational) << false;
-        QTest::newRow("stop 5") << 5 << 2 << int(S::Stopped) << false;
-        QTest::newRow("preop 5") << 5 << 128 << int(S::PreOperational) << false;
-        QTest::newRow("reset node 127") << 127 << 129 << int(S::PreOperational) << false;
-        QTest::newRow("reset comm 1, CANopen FD") << 1 << 130 << int(S::PreOperational) << true;
+        QTest::addColumn<QString>("line");
+        QTest::newRow("start 5") << 5 << 1 << int(S::Operational) << false << "5 start";
+        QTest::newRow("stop 5") << 5 << 2 << int(S::Stopped) << false << "5 stop";
+        QTest::newRow("preop 5") << 5 << 128 << int(S::PreOperational) << false << "5 preop";
+        QTest::newRow("reset node 127") << 127 << 129 << int(S::PreOperational) << false << "127 reset node";
+        QTest::newRow("reset comm 1, FD") << 1 << 130 << int(S::PreOperational) << true << "1 reset comm";
+        QTest::newRow("not a command") << 5 << 3 << int(S::Unknown) << false << "";
     }
-    void commandFramesForOneNode()
+    void commandsForOneNode()
     {
         QFETCH(int, node);
         QFETCH(int, command);
         QFETCH(int, expectedState);
         QFETCH(bool, fd);
-        Fixture f{quint8(node)};
-        CANopenService::activateCANopenFD(fd);
-        CAN::RetType result;
-        switch (command) {
-        case 1: result = f.slave->startNode(); break;
-        case 2: result = f.slave->stopNode(); break;
-        case 128: result = f.slave->preopNode(); break;
-        case 129: result = f.slave->resetApplication(); break;
-        default: result = f.slave->resetCommunication(); break;
-        }
-        QCOMPARE(result, CAN::Ok);
-        QCOMPARE(f.adapter.writtenCount(), 1);
-        const CAN::CanMessage m = f.adapter.lastWritten();
-        QCOMPARE(m.id, 0u);
-        QCOMPARE(int(m.length), 2);
-        QCOMPARE(frameData(m), QByteArray(1, char(command)) + char(node));
-        QCOMPARE(m.fd, fd);
-        QCOMPARE(m.rtr, false);
-        QCOMPARE(int(f.slave->getExpectedNodeState()), expectedState);
-    }
-
-    void expectedStateIsSetEvenWhenTheWriteFails()
-    {
-        Fixture f(5);
-        f.adapter.failWrites(CAN::TxQueueFull);
-        QCOMPARE(f.slave->stopNode(), CAN::TxQueueFull);
-        QCOMPARE(f.slave->getExpectedNodeState(), S::Stopped);
-    }
-
-    void commandLinesOnTheGateway_data()
-    {
-        QTest::addColumn<int>("command");
-        QTest::addColumn<QString>("line");
-        QTest::newRow("start") << 1 << "5 start";
-        QTest::newRow("stop") << 2 << "5 stop";
-        QTest::newRow("preop") << 128 << "5 preop";
-        QTest::newRow("reset node") << 129 << "5 reset node";
-        QTest::newRow("reset comm") << 130 << "5 reset comm";
-    }
-    void commandLinesOnTheGateway()
-    {
-        QFETCH(int, command);
         QFETCH(QString, line);
-        Fixture f(5, true);
+        Fixture f{quint8(node)}, gateway{quint8(node), true};
+        CANopenService::activateCANopenFD(fd);
         QCOMPARE(f.slave->sendCommand(NMTNetwork::NmtCommands(command)), CAN::Ok);
-        QCOMPARE(f.adapter.requests(), QStringList{line});
-        QCOMPARE(f.adapter.writtenCount(), 0);
-        QCOMPARE(f.slave->getExpectedNodeState(), S::Unknown); // not changed on the gateway
+        QCOMPARE(f.adapter.writtenHex(), QList<QByteArray>{"0:" + (QByteArray(1, char(command)) + char(node)).toHex()});
+        QCOMPARE(f.adapter.lastWritten().fd, fd);
+        QCOMPARE(int(f.slave->getExpectedNodeState()), expectedState);
+        f.adapter.failWrites(CAN::TxQueueFull);
+        QCOMPARE(f.slave->sendCommand(NMTNetwork::Stop), CAN::TxQueueFull);
+        QCOMPARE(f.slave->getExpectedNodeState(), S::Stopped);
+
+        QCOMPARE(gateway.slave->sendCommand(NMTNetwork::NmtCommands(command)), CAN::Ok);
+        QCOMPARE(gateway.adapter.requests(), QStringList{line});
+        QCOMPARE(gateway.adapter.writtenCount(), 0);
+        QCOMPARE(gateway.slave->getExpectedNodeState(), S::Unknown);
     }
 
-    void nodeZeroIsRefused_data()
+    // Node 0 (the broadcast belongs to NMTNetwork) and a missing scheduler.
+    void refusedCommands()
     {
-        QTest::addColumn<bool>("gateway");
-        QTest::newRow("CAN") << false;
-        QTest::newRow("gateway") << true;
-    }
-    void nodeZeroIsRefused()
-    {
-        QFETCH(bool, gateway);
-        Fixture f(0, gateway);
-        QCOMPARE(f.slave->startNode(), CAN::Error);
-        QCOMPARE(f.slave->sendCiA309Command(NMTNetwork::Start), CAN::Error);
-        QCOMPARE(f.adapter.writtenCount(), 0);
-        QCOMPARE(f.adapter.requests(), QStringList());
-    }
-
-    void withoutSchedulerNothingIsSent()
-    {
+        Fixture zero(0), zeroGateway(0, true);
+        for (Fixture* f : {&zero, &zeroGateway}) {
+            QCOMPARE(f->slave->startNode(), CAN::Error);
+            QCOMPARE(f->slave->sendCiA309Command(NMTNetwork::Start), CAN::Error);
+            QCOMPARE(f->adapter.writtenCount() + f->adapter.requests().size(), 0);
+        }
         NMTSlave lonely(5);
-        QCOMPARE(lonely.nodeId(), quint8(5));
         QCOMPARE(lonely.setNodeId(6), CAN::Error); // stored, but nothing to register with
         QCOMPARE(lonely.nodeId(), quint8(6));
         QCOMPARE(lonely.startNode(), CAN::Error);
         QCOMPARE(lonely.sendCiA309Command(NMTNetwork::Start), CAN::Error);
-
         Fixture f(5);
         QCOMPARE(f.slave->setCanScheduler(nullptr), CAN::Ok);
         QCOMPARE(f.slave->stopNode(), CAN::Error);
