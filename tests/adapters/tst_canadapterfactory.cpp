@@ -138,13 +138,6 @@ private Q_SLOTS:
         QCOMPARE(int(F::pcanNetFromInterfaceName(name)), net);
     }
 
-    void interfaceLists()
-    {
-        QCOMPARE(F::getInterfaceList(F::Virtual), QStringList({"Talvik Virtual"}));
-        QCOMPARE(F::getInterfaceList(F::CiA309), QStringList({"CiA 309-3"}));
-        QVERIFY(F::getInterfaceList(F::CanAdapterType(12)).isEmpty());
-    }
-
 private:
     static QString join(const F::BitrateList& list)
     {

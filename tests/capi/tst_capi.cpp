@@ -8,6 +8,7 @@
 #include <QElapsedTimer>
 #include <QThread>
 #include <QtTest>
+#include <climits>
 #include <cstring>
 #include <vector>
 
@@ -25,13 +26,14 @@ CaFrame caFrame(quint32 id, std::initializer_list<quint8> data, quint8 length = 
     return f;
 }
 
-// Takes frames from a handle until `n` have come or the time is up.
-QVector<CaFrame> receive(int handle, int n, int timeoutMs = 5000)
+// Takes frames from a handle until `n` have come, or one with identifier
+// `until`, or the time is up.
+QVector<CaFrame> receive(int handle, int n, quint32 until = 0xFFFFFFFF)
 {
     QVector<CaFrame> got;
     QElapsedTimer t;
     t.start();
-    while (got.size() < n && t.elapsed() < timeoutMs) {
+    while (got.size() < n && (got.isEmpty() || got.last().id != until) && t.elapsed() < 5000) {
         CaFrame f;
         std::memset(&f, 0, sizeof f);
         if (ca_recv(handle, &f) > 0)
@@ -43,20 +45,10 @@ QVector<CaFrame> receive(int handle, int n, int timeoutMs = 5000)
 }
 
 // Takes frames from a handle until one with this identifier has come.
-bool receiveUntil(int handle, quint32 id, int timeoutMs = 5000)
+bool receiveUntil(int handle, quint32 id)
 {
-    QElapsedTimer t;
-    t.start();
-    while (t.elapsed() < timeoutMs) {
-        CaFrame f;
-        if (ca_recv(handle, &f) > 0) {
-            if (f.id == id)
-                return true;
-        } else {
-            QThread::msleep(1);
-        }
-    }
-    return false;
+    const QVector<CaFrame> got = receive(handle, INT_MAX, id);
+    return !got.isEmpty() && got.last().id == id;
 }
 } // namespace
 

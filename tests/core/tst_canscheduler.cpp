@@ -64,8 +64,25 @@ public Q_SLOTS:
 class tst_CanScheduler : public QObject
 {
     Q_OBJECT
+    std::unique_ptr<RecordingCanAdapter> adapter;
+    std::unique_ptr<CanScheduler> scheduler;
+
 private Q_SLOTS:
     void initTestCase() { CanopenMaster master; }
+    // A fresh adapter and scheduler for each test; frames pass once however
+    // often the scheduler is connected.
+    void init()
+    {
+        adapter.reset(new RecordingCanAdapter);
+        scheduler.reset(new CanScheduler(adapter.get()));
+        scheduler->connectToAdapter(true);
+        scheduler->connectToAdapter(true);
+    }
+    void cleanup()
+    {
+        scheduler.reset();
+        adapter.reset();
+    }
 
     // registered: one registration per entry; dropped: positions unregistered
     // before the frame comes; expected: emissions per registration.
@@ -98,23 +115,20 @@ private Q_SLOTS:
         QFETCH(bool, extended);
         QFETCH(IntList, expected);
 
-        RecordingCanAdapter adapter;
-        CanScheduler scheduler(&adapter);
-        scheduler.connectToAdapter(true);
         QVector<QPointer<CanSender>> senders;
         std::vector<std::unique_ptr<QSignalSpy>> spies;
         for (quint32 id : registered) {
-            CanSender* s = scheduler.registerCanId(id);
+            CanSender* s = scheduler->registerCanId(id);
             senders.append(s);
             spies.emplace_back(new QSignalSpy(s, ReceivedFrame));
         }
         for (int i : dropped) {
-            scheduler.unregisterCan(senders[i]);
+            scheduler->unregisterCan(senders[i]);
             QVERIFY2(senders[i].isNull(), "unregisterCan destroys the sender at once");
         }
 
         const CAN::CanRxMessage rx = sampleFrame(frameId, extended);
-        adapter.inject(rx);
+        adapter->inject(rx);
 
         for (int i = 0; i < registered.size(); ++i) {
             QCOMPARE(spies[i]->count(), expected[i]);
@@ -125,101 +139,73 @@ private Q_SLOTS:
         }
         for (const auto& s : senders) {
             if (s)
-                scheduler.unregisterCan(s);
+                scheduler->unregisterCan(s);
         }
     }
 
     // Every registration change reaches the very next frame.
     void everyChangeReachesTheNextFrame()
     {
-        RecordingCanAdapter adapter;
-        CanScheduler scheduler(&adapter);
-        scheduler.connectToAdapter(true);
         QVector<QByteArray> seen; // "<receiver><first byte>" per delivery
         auto add = [&](quint32 id, char name) {
-            QPointer<CanSender> s = scheduler.registerCanId(id);
+            QPointer<CanSender> s = scheduler->registerCanId(id);
             connect(s, ReceivedFrame, this, [&seen, name](CAN::CanRxMessage m) {
                 seen << QByteArray(1, name) + char('0' + m.message.data[0]);
             });
             return s;
         };
         QPointer<CanSender> a = add(0x181, 'a');
-        adapter.inject(0x181, {1});
+        adapter->inject(0x181, {1});
         QPointer<CanSender> b = add(0x181, 'b'), c = add(0x182, 'c');
-        adapter.inject(0x182, {2});
-        scheduler.unregisterCan(a);
+        adapter->inject(0x182, {2});
+        scheduler->unregisterCan(a);
         QVERIFY2(a.isNull(), "destroyed at once outside a dispatch");
-        scheduler.unregisterCan(nullptr); // changes nothing
-        adapter.inject(0x181, {3});
-        scheduler.unregisterCan(b);
-        adapter.inject(0x181, {4}); // nobody left for 0x181
+        scheduler->unregisterCan(nullptr); // changes nothing
+        adapter->inject(0x181, {3});
+        scheduler->unregisterCan(b);
+        adapter->inject(0x181, {4}); // nobody left for 0x181
         QPointer<CanSender> d = add(0x181, 'd');
-        adapter.inject(0x181, {5});
+        adapter->inject(0x181, {5});
         QCOMPARE(seen, (QVector<QByteArray>{"a1", "c2", "b3", "d5"}));
-        scheduler.unregisterCan(c);
-        scheduler.unregisterCan(d);
-    }
-
-    // Frames pass only after connectToAdapter(true), once each however often
-    // it is called; connectToAdapter(false) names the scheduler as sender,
-    // so the adapter's connection stays.
-    void connectToAdapter()
-    {
-        RecordingCanAdapter adapter;
-        CanScheduler scheduler(&adapter);
-        QCOMPARE(scheduler.canAdapter(), &adapter);
-        CanSender* s = scheduler.registerCanId(0x181);
-        QSignalSpy spy(s, ReceivedFrame);
-        adapter.inject(sampleFrame(0x181, false));
-        QCOMPARE(spy.count(), 0);
-        scheduler.connectToAdapter(true);
-        scheduler.connectToAdapter(true);
-        adapter.inject(sampleFrame(0x181, false));
-        QCOMPARE(spy.count(), 1);
-        scheduler.connectToAdapter(false);
-        adapter.inject(sampleFrame(0x181, false));
-        QCOMPARE(spy.count(), 2);
-        scheduler.unregisterCan(s);
+        scheduler->unregisterCan(c);
+        scheduler->unregisterCan(d);
     }
 
     // Each frame for a registered identifier is numbered when its dispatch
     // begins; receivers see the number of the frame they are handed, also
-    // across a nested dispatch, and only for their own scheduler.
+    // across a nested dispatch, and only for their own scheduler->
     void framesAreNumberedAsTheirDispatchBegins()
     {
-        RecordingCanAdapter adapter;
         RecordingCanAdapter otherAdapter;
-        CanScheduler scheduler(&adapter);
         CanScheduler other(&otherAdapter);
-        scheduler.connectToAdapter(true);
         other.connectToAdapter(true);
-        QCOMPARE(scheduler.dispatchCount(), quint64(0));
-        QCOMPARE(CanScheduler::currentDispatch(&scheduler), quint64(0));
+        QCOMPARE(scheduler->dispatchCount(), quint64(0));
+        QCOMPARE(CanScheduler::currentDispatch(scheduler.get()), quint64(0));
 
-        CanSender* s = scheduler.registerCanId(0x181);
+        CanSender* s = scheduler->registerCanId(0x181);
         CanSender* o = other.registerCanId(0x182);
         QList<quint64> seen; // at 0x181 for both schedulers (and after a nested frame), at 0x182 for both
         connect(s, ReceivedFrame, this, [&](CAN::CanRxMessage m) {
-            seen << CanScheduler::currentDispatch(&scheduler) << CanScheduler::currentDispatch(&other);
+            seen << CanScheduler::currentDispatch(scheduler.get()) << CanScheduler::currentDispatch(&other);
             if (m.message.data[0] == 0x11) {
                 otherAdapter.inject(makeRxFrame(0x182, {0x22}));
-                seen << CanScheduler::currentDispatch(&scheduler);
+                seen << CanScheduler::currentDispatch(scheduler.get());
             }
         }, Qt::DirectConnection);
         connect(o, ReceivedFrame, this, [&] {
-            seen << CanScheduler::currentDispatch(&other) << CanScheduler::currentDispatch(&scheduler);
+            seen << CanScheduler::currentDispatch(&other) << CanScheduler::currentDispatch(scheduler.get());
         }, Qt::DirectConnection);
 
-        adapter.inject(makeRxFrame(0x181, {0x33}));
-        adapter.inject(makeRxFrame(0x700, {0x05})); // nobody listens: not dispatched, no number
-        adapter.inject(makeRxFrame(0x181, {0x11}));
+        adapter->inject(makeRxFrame(0x181, {0x33}));
+        adapter->inject(makeRxFrame(0x700, {0x05})); // nobody listens: not dispatched, no number
+        adapter->inject(makeRxFrame(0x181, {0x11}));
         QCOMPARE(seen, (QList<quint64>{1, 0, 2, 0, 1, 0, 2}));
-        QCOMPARE(scheduler.dispatchCount(), quint64(2));
+        QCOMPARE(scheduler->dispatchCount(), quint64(2));
         QCOMPARE(other.dispatchCount(), quint64(1));
-        QCOMPARE(CanScheduler::currentDispatch(&scheduler), quint64(0));
+        QCOMPARE(CanScheduler::currentDispatch(scheduler.get()), quint64(0));
         QCOMPARE(CanScheduler::currentDispatch(&other), quint64(0));
         QCOMPARE(CanScheduler::currentDispatch(nullptr), quint64(0));
-        scheduler.unregisterCan(s);
+        scheduler->unregisterCan(s);
         other.unregisterCan(o);
     }
 
@@ -230,16 +216,13 @@ private Q_SLOTS:
     void receiverUnregisteredDuringTheWalk()
     {
         ScopedDebugOutput debug;
-        RecordingCanAdapter adapter;
-        CanScheduler scheduler(&adapter);
-        scheduler.connectToAdapter(true);
-        QPointer<CanSender> a = scheduler.registerCanId(0x181);
-        QPointer<CanSender> b = scheduler.registerCanId(0x181);
+        QPointer<CanSender> a = scheduler->registerCanId(0x181);
+        QPointer<CanSender> b = scheduler->registerCanId(0x181);
         int emissions = 0;
         auto dropOther = [&](QPointer<CanSender>& other) {
             ++emissions;
             if (other) {
-                scheduler.unregisterCan(other);
+                scheduler->unregisterCan(other);
                 QVERIFY2(other, "deletion waits for the end of the walk");
                 other.clear();
             }
@@ -250,23 +233,20 @@ private Q_SLOTS:
 
         QTest::ignoreMessage(QtDebugMsg,
                              "void CanScheduler::newRawCanMessage(CAN::CanRxMessage*) 2: Message Lost 385");
-        adapter.inject(sampleFrame(0x181, false));
+        adapter->inject(sampleFrame(0x181, false));
         QCOMPARE(emissions, 1);
         QVERIFY(aWatch.isNull() != bWatch.isNull());
         // The survivor still gets frames; the dropped one is gone.
-        adapter.inject(sampleFrame(0x181, false));
+        adapter->inject(sampleFrame(0x181, false));
         QCOMPARE(emissions, 2);
-        scheduler.unregisterCan(aWatch ? aWatch.data() : bWatch.data());
+        scheduler->unregisterCan(aWatch ? aWatch.data() : bWatch.data());
     }
 
     // Dispatch runs in the thread that emits newCanMessage (the adapter's);
     // an automatic connection carries the frame into the receiver's thread.
     void queuedDeliveryIntoTheReceiversThread()
     {
-        RecordingCanAdapter adapter;
-        CanScheduler scheduler(&adapter);
-        scheduler.connectToAdapter(true);
-        CanSender* s = scheduler.registerCanId(0x281);
+        CanSender* s = scheduler->registerCanId(0x281);
 
         QThread serviceThread;
         ThreadReceiver receiver;
@@ -277,7 +257,7 @@ private Q_SLOTS:
         const CAN::CanRxMessage rx = sampleFrame(0x281, false);
         std::thread adapterThread([&] {
             CAN::CanRxMessage local = rx;
-            adapter.inject(local);
+            adapter->inject(local);
             std::memset(static_cast<void*>(&local), 0xEE, sizeof local); // the adapter reuses its record at once
         });
         adapterThread.join();
@@ -287,7 +267,7 @@ private Q_SLOTS:
         std::lock_guard<std::mutex> g(receiver.lock);
         QCOMPARE(receiver.thread, &serviceThread);
         QCOMPARE(std::memcmp(&receiver.frame, &rx, sizeof rx), 0);
-        scheduler.unregisterCan(s);
+        scheduler->unregisterCan(s);
     }
 
     // One thread dispatches frames while another registers and unregisters
@@ -297,11 +277,8 @@ private Q_SLOTS:
     // (TSan); every unregistered sender is destroyed in the end.
     void registrationRacesDispatch()
     {
-        RecordingCanAdapter adapter;
-        CanScheduler scheduler(&adapter);
-        scheduler.connectToAdapter(true);
         FrameCounter steadyCounter, transientCounter;
-        CanSender* steady = scheduler.registerCanId(0x181);
+        CanSender* steady = scheduler->registerCanId(0x181);
         connect(steady, ReceivedFrame, &steadyCounter, &FrameCounter::onFrame, Qt::DirectConnection);
 
         constexpr int Cycles = 20000;
@@ -312,14 +289,14 @@ private Q_SLOTS:
         std::thread injector([&] {
             for (int i = 0; !registrarDone.load() || i < 1000; ++i) {
                 const quint32 id = (i & 1) ? 0x182 : 0x181;
-                adapter.inject(id, {quint8(i), quint8(i >> 8)});
+                adapter->inject(id, {quint8(i), quint8(i >> 8)});
                 if (id == 0x181)
                     ++injected181;
             }
         });
         std::thread registrar([&] {
             for (int i = 0; i < Cycles; ++i) {
-                CanSender* s = scheduler.registerCanId((i & 1) ? 0x182 : 0x181);
+                CanSender* s = scheduler->registerCanId((i & 1) ? 0x182 : 0x181);
                 created.fetch_add(1);
                 // By name: no slot object is handed between threads behind Qt's back.
                 QObject::connect(s, SIGNAL(received(CAN::CanRxMessage)), &transientCounter,
@@ -328,7 +305,7 @@ private Q_SLOTS:
                                  Qt::DirectConnection);
                 if (i % 8 == 0)
                     std::this_thread::yield();
-                scheduler.unregisterCan(s);
+                scheduler->unregisterCan(s);
             }
             registrarDone.store(true);
         });
@@ -340,10 +317,10 @@ private Q_SLOTS:
         // Without contention nothing is lost, and the walk's end frees any
         // sender whose deletion was left to a walk.
         const int before = steadyCounter.frames.load();
-        adapter.inject(0x181, {0xFF});
+        adapter->inject(0x181, {0xFF});
         QCOMPARE(steadyCounter.frames.load(), before + 1);
         QCOMPARE(transientCounter.destroyed.load(), created.load());
-        scheduler.unregisterCan(steady);
+        scheduler->unregisterCan(steady);
     }
 };
 

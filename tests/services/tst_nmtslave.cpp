@@ -1,9 +1,7 @@
 #include "canopenmasterclass.h"
 #include "canscheduler.h"
-#include "democanadapter.h"
 #include "nmtslave.h"
 #include "recordingcanadapter.h"
-#include "testbus.h"
 
 #include <QElapsedTimer>
 #include <QSignalSpy>
@@ -57,11 +55,7 @@ class tst_NMTSlave : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
-    void initTestCase()
-    {
-        CanopenMaster master;
-        TestBus::usePrivatePort();
-    }
+    void initTestCase() { CanopenMaster master; }
     void cleanup() { CANopenService::activateCANopenFD(false); }
 
     void timediffDropsSubMilliseconds_data()
@@ -202,6 +196,7 @@ private Q_SLOTS:
     void newNodeIdForgetsTheOldNode()
     {
         Fixture f(5);
+        QCOMPARE(f.slave->startHeartbeatMonitoring(50), CAN::Ok);
         f.adapter.inject(0x705, {0x05});
         QCOMPARE(f.slave->stopNode(), CAN::Ok);
         QCOMPARE(f.slave->setNodeId(5), CAN::Ok); // same node: nothing forgotten
@@ -216,15 +211,8 @@ private Q_SLOTS:
         QCOMPARE(f.stateList(), QList<int>{S::PreOperational});
         f.slave->setStateUnknown();
         QCOMPARE(f.slave->getCurrentNodeState(), S::Unknown);
-    }
-
-    void newNodeIdStopsSupervision()
-    {
-        Fixture f(5);
-        QCOMPARE(f.slave->startHeartbeatMonitoring(50), CAN::Ok);
-        QCOMPARE(f.slave->setNodeId(6), CAN::Ok);
-        QTest::qWait(250); // the timer still ticks, into nothing
-        QCOMPARE(f.supervision->count(), 0);
+        QTest::qWait(250); // supervision stopped: the timer still ticks, into nothing
+        QCOMPARE(f.supervisionList(), (QList<int>{S::StateReceived, S::StateReceived}));
     }
 
     void heartbeatLossIsReportedOnce()
@@ -349,14 +337,6 @@ private Q_SLOTS:
             QCOMPARE(f.slave->startNodeGuarding(0, 3), CAN::Ok);
             QTRY_VERIFY_WITH_TIMEOUT(f.adapter.writtenCount() >= 2, 3000); // still guarding
         }
-        // Heartbeat after guarding: both run.
-        {
-            Fixture f(5);
-            f.slave->startNodeGuarding(50, 1);
-            f.slave->startHeartbeatMonitoring(50);
-            QTRY_COMPARE_WITH_TIMEOUT(f.supervisionList(), QList<int>{S::Lost}, 3000);
-            QTRY_VERIFY_WITH_TIMEOUT(f.adapter.writtenCount() >= 2, 3000);
-        }
         // Guarding after heartbeat: heartbeat off.
         {
             Fixture f(5);
@@ -365,45 +345,6 @@ private Q_SLOTS:
             QTRY_VERIFY_WITH_TIMEOUT(f.adapter.writtenCount() >= 4, 3000);
             QCOMPARE(f.supervision->count(), 0);
         }
-    }
-
-    void destroyedMonitorLeavesNoReceiver()
-    {
-        Fixture f(5);
-        f.slave->startNodeGuarding(20, 3);
-        f.slave.reset();
-        f.adapter.inject(0x705, {0x05});
-        const int sent = f.adapter.writtenCount();
-        QTest::qWait(100);
-        QCOMPARE(f.adapter.writtenCount(), sent); // its timer went with it
-    }
-
-    // Over the real virtual bus: frames come from the adapter's thread by queued delivery.
-    void heartbeatsOverTheVirtualBus()
-    {
-        DemoCanAdapter master(QStringLiteral("v")), node(QStringLiteral("v"));
-        CanScheduler scheduler(&master);
-        scheduler.connectToAdapter(true);
-        NMTSlave slave(9, &scheduler);
-        QSignalSpy states(&slave, &NMTSlave::NodeStateChanged);
-        QSignalSpy supervision(&slave, &NMTSlave::HeartbeatGuardingStateChanged);
-        QCOMPARE(master.open(), CAN::Ok);
-        QCOMPARE(node.open(), CAN::Ok);
-        QTest::qWait(30); // both receive sockets bound
-
-        QCOMPARE(slave.startHeartbeatMonitoring(200), CAN::Ok);
-        CAN::CanMessage bootUp = makeFrame(0x709, {0x00}), preop = makeFrame(0x709, {0x7F});
-        node.write(&bootUp);
-        node.write(&preop);
-        QTRY_COMPARE_WITH_TIMEOUT(values<S::NmtState>(states), (QList<int>{S::BootUp, S::PreOperational}), 3000);
-        QTRY_VERIFY_WITH_TIMEOUT(values<S::HeartbeatGuardingState>(supervision).contains(S::Lost), 5000);
-        node.write(&preop);
-        node.write(&preop); // back to back: in time by the receiver's stamps
-        QTRY_VERIFY_WITH_TIMEOUT(values<S::HeartbeatGuardingState>(supervision).lastIndexOf(S::Running)
-                                     > values<S::HeartbeatGuardingState>(supervision).indexOf(S::Lost),
-                                 3000);
-        master.close();
-        node.close();
     }
 };
 

@@ -10,6 +10,7 @@
 #include <QStringList>
 #include <QVector>
 #include <initializer_list>
+#include <mutex>
 
 // Test adapter: records every frame written (from any thread), injects
 // received frames through newCanMessage, and can be told to fail writes or to
@@ -17,47 +18,54 @@
 class RecordingCanAdapter : public AbstractCanAdapter
 {
     Q_OBJECT
-public:
-    explicit RecordingCanAdapter(QObject* parent = nullptr);
+    using Guard = std::lock_guard<CanMutex>;
 
-    CAN::RetType open() override;
-    void close() override;
-    CAN::RetType setBitrate(quint16 kbit) override;
+public:
+    using AbstractCanAdapter::AbstractCanAdapter;
+
+    CAN::RetType open() override { Q_EMIT newCanState(CAN::ErrorActive); return CAN::Ok; }
+    void close() override { Q_EMIT newCanState(CAN::Stopped); }
+    CAN::RetType setBitrate(quint16 kbit) override { mBitrate = kbit; return CAN::Ok; }
     CAN::RetType clearTxQueue() override { return CAN::Ok; }
     CAN::RetType clearRxQueue() override { return CAN::Ok; }
     int getTxQueueCount() override { return 0; }
     int getRxQueueCount() override { return 0; }
     CAN::RetType resetDriver() override { return CAN::Ok; }
     CAN::CanState getState() override { return CAN::ErrorActive; }
-    CAN::RetType setEcho(bool echo) override;
+    CAN::RetType setEcho(bool) override { return CAN::Ok; }
     bool setCanAdapterOption(AbstractCanAdapter::AdapterOption option, const QVariant& value) override;
     QVariant getCanAdapterOption(AbstractCanAdapter::AdapterOption option) override;
     CAN::RetType sendCiA309Request(const QString& request, qint16& sequenceNumber) override;
 
     // Frames written so far (a copy), and forgetting them.
     QVector<CAN::CanMessage> written() const;
-    int writtenCount() const;
-    CAN::CanMessage lastWritten() const;
+    int writtenCount() const { Guard g(mLock); return mWritten.size(); }
+    CAN::CanMessage lastWritten() const { return writtenAt(writtenCount() - 1); }
     // Frame number i (a default frame when there is none): plain data, safe
     // to take while other threads write.
-    CAN::CanMessage writtenAt(int i) const;
-    void clearWritten();
+    CAN::CanMessage writtenAt(int i) const { Guard g(mLock); return mWritten.value(i); }
+    void clearWritten() { Guard g(mLock); mWritten.clear(); mRequests.clear(); }
     // Every later write answers `result` (Ok to write normally again).
-    void failWrites(CAN::RetType result);
+    void failWrites(CAN::RetType result) { Guard g(mLock); mWriteResult = result; }
     // Gateway requests recorded while option 35 is set.
     QStringList requests() const;
     // Option values answered instead of the base's defaults (35 makes a gateway).
-    void setOptionAnswer(AbstractCanAdapter::AdapterOption option, const QVariant& value);
+    void setOptionAnswer(AbstractCanAdapter::AdapterOption option, const QVariant& value)
+    {
+        Guard g(mLock);
+        mOptions.insert(int(option), value);
+    }
     // Every value given to setCanAdapterOption for `option`, in call order
     // (from any thread), and forgetting them.
     QVariantList optionHistory(AbstractCanAdapter::AdapterOption option) const;
-    void clearOptionHistory();
+    void clearOptionHistory() { Guard g(mLock); mOptionHistory.clear(); }
 
     // Emit a received frame as an adapter's receive loop would, in the calling thread.
-    void inject(const CAN::CanRxMessage& frame);
+    void inject(CAN::CanRxMessage frame) { Q_EMIT newCanMessage(&frame); }
     void inject(quint32 id, std::initializer_list<quint8> data, CAN::CanTimeStamp stamp = {});
+    void inject(quint32 id, const QByteArray& data);
     // Inject a frame given as hex digits ("60 00 20 01"; spaces ignored).
-    void injectHex(quint32 id, const char* hex);
+    void injectHex(quint32 id, const char* hex) { inject(id, QByteArray::fromHex(QByteArray(hex).replace(' ', ""))); }
     // The frames written so far as frameHex() strings.
     QList<QByteArray> writtenHex() const;
 
@@ -72,7 +80,6 @@ private:
     QHash<int, QVariant> mOptions;
     QVector<QPair<int, QVariant>> mOptionHistory;
     qint16 mSequence = 0;
-    bool mEcho = false;
 };
 
 // Build a frame from an identifier and data bytes.
@@ -82,6 +89,5 @@ QByteArray frameData(const CAN::CanMessage& frame);
 // "605:4018100200000000": identifier and data bytes in hex, for comparisons
 // that show both in a failure message.
 QByteArray frameHex(const CAN::CanMessage& frame);
-CAN::CanRxMessage makeRxFrameHex(quint32 id, const char* hex);
 
 #endif

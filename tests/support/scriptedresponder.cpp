@@ -5,27 +5,6 @@
 #include <QDeadlineTimer>
 #include <QThread>
 #include <chrono>
-#include <cstring>
-
-ScriptedResponder::ScriptedResponder(RecordingCanAdapter* adapter, quint32 answerId, Script script)
-    : ScriptedResponder(adapter, answerId, MultiScript([script](const CAN::CanMessage& request) {
-        const QByteArray answer = script(request);
-        return answer.isEmpty() ? QList<QByteArray>() : QList<QByteArray>{answer};
-    }))
-{
-}
-
-ScriptedResponder::ScriptedResponder(RecordingCanAdapter* adapter, quint32 answerId, MultiScript script)
-    : mAdapter(adapter)
-    , mAnswerId(answerId)
-    , mScript(std::move(script))
-{
-}
-
-ScriptedResponder::~ScriptedResponder()
-{
-    stop();
-}
 
 int ScriptedResponder::serveWaiting()
 {
@@ -34,13 +13,8 @@ int ScriptedResponder::serveWaiting()
     while (mSeen < count) {
         const QList<QByteArray> answers = mScript(mAdapter->writtenAt(mSeen++));
         ++seen;
-        for (const QByteArray& answer : answers) {
-            CAN::CanRxMessage rx;
-            rx.message.id = mAnswerId;
-            rx.message.length = quint8(qMin(answer.size(), 64));
-            std::memcpy(rx.message.data, answer.constData(), rx.message.length);
-            mAdapter->inject(rx);
-        }
+        for (const QByteArray& answer : answers)
+            mAdapter->inject(mAnswerId, answer);
     }
     return seen;
 }

@@ -12,20 +12,21 @@
 class RecordingCanAdapter;
 
 // Plays a device in unit tests: every frame the recording adapter takes
-// (in order, each once) is passed to the script, and the bytes it returns,
-// if any, are injected as the device's answer on `answerId`. Serves either
+// (in order, each once) is passed to the script, and the frames it returns
+// are injected as the device's answer on `answerId`. Serves either
 // from the test's thread (serveUntil, which also runs the event loop) or
 // from a thread of its own (start), as an adapter's receive loop would.
 class ScriptedResponder
 {
 public:
-    using Script = std::function<QByteArray(const CAN::CanMessage& request)>;
-    // A script that may answer one request with several frames.
-    using MultiScript = std::function<QList<QByteArray>(const CAN::CanMessage& request)>;
+    // The answer frames to one request (none, one or several).
+    using Script = std::function<QList<QByteArray>(const CAN::CanMessage& request)>;
 
-    ScriptedResponder(RecordingCanAdapter* adapter, quint32 answerId, Script script);
-    ScriptedResponder(RecordingCanAdapter* adapter, quint32 answerId, MultiScript script);
-    ~ScriptedResponder(); // stops and joins the thread
+    ScriptedResponder(RecordingCanAdapter* adapter, quint32 answerId, Script script)
+        : mAdapter(adapter), mAnswerId(answerId), mScript(std::move(script))
+    {
+    }
+    ~ScriptedResponder() { stop(); } // stops and joins the thread
 
     // Answers the frames written since the last call; returns how many were seen.
     int serveWaiting();
@@ -38,7 +39,7 @@ public:
 private:
     RecordingCanAdapter* mAdapter;
     quint32 mAnswerId;
-    MultiScript mScript;
+    Script mScript;
     int mSeen = 0; // used by one thread at a time
     std::atomic<bool> mStop{false};
     std::thread mThread;
