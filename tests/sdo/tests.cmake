@@ -2,7 +2,9 @@ canopen_add_test(sdo tst_sdoexpeditedclient)
 canopen_add_test(sdo tst_sdosegmentedclient)
 canopen_add_test(sdo tst_sdoblockclient)
 if(CANOPEN_BUILD_TOOLS)
-  # Against the simulated device's SDO server in this process.
+  # Against the simulated device, in this process and as the cosim program.
   canopen_add_test(sdo tst_sdoendtoend)
   target_link_libraries(tst_sdoendtoend PRIVATE canopensim)
+  target_compile_definitions(tst_sdoendtoend PRIVATE COSIM_PATH="$<TARGET_FILE:cosim>")
+  add_dependencies(tst_sdoendtoend cosim)
 endif()

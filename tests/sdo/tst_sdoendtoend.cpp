@@ -1,7 +1,8 @@
 // End to end: the segmented and block SDO engines over the real virtual bus
 // (private port) against the simulated device's SDO server and object
 // dictionary, in this process on a second adapter (answering in that
-// adapter's receive thread).
+// adapter's receive thread), and against the cosim program in a process of
+// its own.
 
 #include "canopenmasterclass.h"
 #include "democanadapter.h"
@@ -13,12 +14,14 @@
 #include "simdevice.h"
 #include "testbus.h"
 
+#include <QProcess>
 #include <QRandomGenerator>
 #include <algorithm>
 
 namespace {
 
 constexpr quint8 Node = 5;
+constexpr quint8 CosimNode = 9; // the cosim process
 constexpr int Outcome = 20000; // upper bound for an outcome that is due (sanitizer builds are slow)
 
 QByteArray randomBytes(int size, quint32 seed)
@@ -167,6 +170,48 @@ private Q_SLOTS:
                 QVERIFY(percent.size() >= 73 && std::is_sorted(percent.begin(), percent.end()) && percent.last() == 100);
         }
         QVERIFY(!spies.engine->isBusy());
+    }
+
+    // The separate process: 64 KiB both ways, a server abort, and the
+    // time-out once the process is gone.
+    void cosimProcess()
+    {
+        QProcess cosim;
+        cosim.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        cosim.start(QStringLiteral(COSIM_PATH), {"--node", QString::number(CosimNode), "--port",
+                                                 QString::number(masterBus->busPort()), "--heartbeat", "0",
+                                                 "--no-console"});
+        QVERIFY(cosim.waitForStarted(10000));
+        SDOSegmentedClient seg(0x580 + CosimNode, 0x600 + CosimNode, scheduler);
+        SDOBlockClient blk(0x580 + CosimNode, 0x600 + CosimNode, scheduler);
+        Spies segSpies(&seg), blkSpies(&blk);
+        QCOMPARE(seg.setSdoTimeout(200), CAN::Ok);
+        for (int i = 0; i < 100 && segSpies.results.isEmpty(); ++i) { // asked until the process is up
+            QCOMPARE(seg.read(0x1018, 4), CAN::Ok);
+            QVERIFY(segSpies.wait(i + 1));
+        }
+        QCOMPARE(segSpies.results.value(0).value(2).value<QVariant>().toByteArray(),
+                 QByteArray::fromHex("0900005d")); // serial number 0x5D000009
+        QCOMPARE(seg.setSdoTimeout(SDOExpeditedClient::DefaultTimeoutMs), CAN::Ok);
+        segSpies.results.clear();
+        segSpies.errors.clear();
+
+        const QByteArray value = randomBytes(65536, 9);
+        QCOMPARE(blk.write(0x2002, 0, value), CAN::Ok);
+        QVERIFY(blkSpies.wait(1));
+        QCOMPARE(seg.read(0x2002, 0), CAN::Ok);
+        QVERIFY(segSpies.wait(1));
+        QVERIFY(segSpies.results.value(0).value(2).value<QVariant>().toByteArray() == value);
+        QCOMPARE(seg.write(0x2003, 0, QByteArray("abcd")), CAN::Ok); // read-only entry
+        QVERIFY(segSpies.wait(2));
+        QCOMPARE(segSpies.errors.value(0).value(2).toUInt(), 0x06010002u);
+
+        cosim.kill();
+        QVERIFY(cosim.waitForFinished(10000));
+        QCOMPARE(blk.setSdoTimeout(200), CAN::Ok);
+        QCOMPARE(blk.read(0x2002, 0), CAN::Ok);
+        QVERIFY(blkSpies.wait(2));
+        QCOMPARE(blkSpies.errors.value(0).value(2).toUInt(), 0x05040000u);
     }
 };
 
