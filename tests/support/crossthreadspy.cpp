@@ -22,9 +22,3 @@ QVector<qint64> CrossThreadSpy::timesUs() const
     std::lock_guard<CanMutex> guard(mLock);
     return QVector<qint64>(mTimes.cbegin(), mTimes.cend()); // a deep copy, made under the lock
 }
-
-void CrossThreadSpy::clear()
-{
-    std::lock_guard<CanMutex> guard(mLock);
-    mTimes.clear();
-}

@@ -22,7 +22,6 @@ public:
     int count() const;
     // Emission times in microseconds of the steady clock, in emission order.
     QVector<qint64> timesUs() const;
-    void clear();
 
 private:
     void record();

@@ -4,13 +4,11 @@
 
 #include <QTcpSocket>
 #include <QTest>
-#include <QTimer>
 
 const QList<int> FakeGateway::ByteByByte{-1};
 
 FakeGateway::FakeGateway(QObject* parent)
     : QObject(parent)
-    , mPieceTimer(new QTimer(this))
 {
     mServer.listen(QHostAddress::LocalHost, 0);
     connect(&mServer, &QTcpServer::newConnection, this, [this]() {
@@ -19,8 +17,8 @@ FakeGateway::FakeGateway(QObject* parent)
             connect(s, &QTcpSocket::readyRead, this, &FakeGateway::readRequests);
         }
     });
-    mPieceTimer->setInterval(PieceGapMs);
-    connect(mPieceTimer, &QTimer::timeout, this, &FakeGateway::sendNextPiece);
+    mPieceTimer.setInterval(PieceGapMs);
+    connect(&mPieceTimer, &QTimer::timeout, this, &FakeGateway::sendNextPiece);
 }
 
 QString FakeGateway::address() const
@@ -43,20 +41,13 @@ void FakeGateway::answerWith(const QString& answer, const QList<int>& splits)
 void FakeGateway::send(const QByteArray& bytes, const QList<int>& splits)
 {
     int from = 0;
-    if (splits == ByteByByte) {
-        for (char c : bytes)
-            mQueue << QByteArray(1, c);
-        from = bytes.size();
-    }
-    for (int at : splits) {
-        if (at > from && at < bytes.size()) {
+    for (int at = 1; at <= bytes.size(); ++at) {
+        if (at == bytes.size() || splits == ByteByByte || splits.contains(at)) {
             mQueue << bytes.mid(from, at - from);
             from = at;
         }
     }
-    if (from < bytes.size())
-        mQueue << bytes.mid(from);
-    if (!mPieceTimer->isActive())
+    if (!mPieceTimer.isActive())
         sendNextPiece(); // the first piece now, the others one gap apart
 }
 
@@ -64,28 +55,22 @@ void FakeGateway::sendNextPiece()
 {
     if (mQueue.isEmpty() || !mClient) {
         mQueue.clear();
-        mPieceTimer->stop();
-        return;
+    } else {
+        mClient->write(mQueue.takeFirst());
+        mClient->flush();
     }
-    mClient->write(mQueue.takeFirst());
-    mClient->flush();
     if (mQueue.isEmpty())
-        mPieceTimer->stop();
-    else if (!mPieceTimer->isActive())
-        mPieceTimer->start();
+        mPieceTimer.stop();
+    else if (!mPieceTimer.isActive())
+        mPieceTimer.start();
 }
 
 void FakeGateway::readRequests()
 {
-    const QByteArray bytes = mClient->readAll();
-    mReceived += bytes;
-    mPartial += bytes;
-    int end;
-    while ((end = mPartial.indexOf('\n')) >= 0) {
-        QByteArray line = mPartial.left(end);
-        mPartial.remove(0, end + 1);
-        if (line.endsWith('\r'))
-            line.chop(1);
+    while (mClient->canReadLine()) {
+        QByteArray line = mClient->readLine();
+        mReceived += line;
+        line.chop(line.endsWith("\r\n") ? 2 : 1);
         mLines << QString::fromUtf8(line);
         if (!mAnswer.isNull())
             send(line.left(line.indexOf(']') + 1) + ' ' + mAnswer.toUtf8() + "\r\n", mAnswerSplits);

@@ -7,10 +7,10 @@
 #include <QPointer>
 #include <QStringList>
 #include <QTcpServer>
+#include <QTimer>
 
 class AbstractCanAdapter;
 class QTcpSocket;
-class QTimer;
 
 // A CiA 309-3 gateway on 127.0.0.1 (a free port) for tests: it records the
 // request lines it receives and answers each with "[n] <answer>\r\n", whole
@@ -44,7 +44,7 @@ public:
     bool waitForLines(int count, int timeoutMs = 3000);
     // The request lines received so far, without their line ends.
     QStringList lines() const { return mLines; }
-    // Everything received so far, as it came.
+    // The whole request lines received so far, as they came (with their line ends).
     QByteArray received() const { return mReceived; }
     // True once every piece handed to send() has been written.
     bool idle() const { return mQueue.isEmpty(); }
@@ -55,9 +55,8 @@ private:
 
     QTcpServer mServer;
     QPointer<QTcpSocket> mClient;
-    QTimer* mPieceTimer;
+    QTimer mPieceTimer;
     QByteArray mReceived;
-    QByteArray mPartial;
     QStringList mLines;
     QString mAnswer;
     QList<int> mAnswerSplits;

@@ -5,13 +5,10 @@
 FrameCollector::FrameCollector(AbstractCanAdapter* adapter, QObject* parent)
     : QObject(parent)
 {
-    connect(adapter, &AbstractCanAdapter::newCanMessage, this, &FrameCollector::take, Qt::DirectConnection);
-}
-
-void FrameCollector::take(CAN::CanRxMessage* message)
-{
-    std::lock_guard<CanMutex> guard(mLock);
-    mFrames.append(*message);
+    connect(adapter, &AbstractCanAdapter::newCanMessage, this, [this](CAN::CanRxMessage* message) {
+        std::lock_guard<CanMutex> guard(mLock);
+        mFrames.append(*message);
+    }, Qt::DirectConnection);
 }
 
 QVector<CAN::CanRxMessage> FrameCollector::frames() const
@@ -19,31 +16,6 @@ QVector<CAN::CanRxMessage> FrameCollector::frames() const
     std::lock_guard<CanMutex> guard(mLock);
     // A deep copy made under the lock: nothing implicitly shared leaves it.
     return QVector<CAN::CanRxMessage>(mFrames.cbegin(), mFrames.cend());
-}
-
-int FrameCollector::count() const
-{
-    std::lock_guard<CanMutex> guard(mLock);
-    return mFrames.size();
-}
-
-bool FrameCollector::find(quint32 id, CAN::CanRxMessage* out) const
-{
-    std::lock_guard<CanMutex> guard(mLock);
-    for (const CAN::CanRxMessage& rx : mFrames) {
-        if (rx.message.id == id) {
-            if (out)
-                *out = rx;
-            return true;
-        }
-    }
-    return false;
-}
-
-void FrameCollector::clear()
-{
-    std::lock_guard<CanMutex> guard(mLock);
-    mFrames.clear();
 }
 
 QVector<CAN::CanRxMessage> FrameCollector::frames(quint32 id) const
@@ -57,13 +29,24 @@ QVector<CAN::CanRxMessage> FrameCollector::frames(quint32 id) const
     return result;
 }
 
-int FrameCollector::count(quint32 id) const
+int FrameCollector::count() const
 {
     std::lock_guard<CanMutex> guard(mLock);
-    int n = 0;
-    for (const CAN::CanRxMessage& f : mFrames)
-        n += f.message.id == id ? 1 : 0;
-    return n;
+    return mFrames.size();
+}
+
+bool FrameCollector::find(quint32 id, CAN::CanRxMessage* out) const
+{
+    const QVector<CAN::CanRxMessage> found = frames(id);
+    if (out && !found.isEmpty())
+        *out = found.first();
+    return !found.isEmpty();
+}
+
+void FrameCollector::clear()
+{
+    std::lock_guard<CanMutex> guard(mLock);
+    mFrames.clear();
 }
 
 QString FrameCollector::describe(const CAN::CanMessage& m)

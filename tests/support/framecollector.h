@@ -13,7 +13,6 @@
 // valid; the test thread reads the copies under the lock.
 class FrameCollector : public QObject
 {
-    Q_OBJECT
 public:
     explicit FrameCollector(AbstractCanAdapter* adapter, QObject* parent = nullptr);
 
@@ -21,16 +20,12 @@ public:
     // Frames with this identifier only, in arrival order.
     QVector<CAN::CanRxMessage> frames(quint32 id) const;
     int count() const;
-    int count(quint32 id) const;
     // The first frame with this identifier, and whether there is one.
     bool find(quint32 id, CAN::CanRxMessage* out = nullptr) const;
     void clear();
     // Every field of a frame in one line, for comparisons in tests:
     // "123 ext rtr fd brs esi [12] 000102..." (flags only when set).
     static QString describe(const CAN::CanMessage& m);
-
-public Q_SLOTS:
-    void take(CAN::CanRxMessage* message);
 
 private:
     mutable CanMutex mLock;

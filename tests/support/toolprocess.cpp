@@ -1,12 +1,10 @@
 #include "toolprocess.h"
 
 #include <QDir>
-#include <QEventLoop>
 #include <QFile>
 #include <QSet>
 #include <QtTest>
 #include <unistd.h>
-#include <QTimer>
 
 ToolProcess::ToolProcess(const QString& program, const QStringList& args, QObject* parent)
     : QObject(parent)
@@ -31,15 +29,9 @@ ToolProcess::~ToolProcess()
 
 int ToolProcess::finish(int timeoutMs)
 {
-    // An event loop rather than waitForFinished(): the test's own sockets
-    // (and this process's stdin) keep being served meanwhile.
-    if (mProcess.state() != QProcess::NotRunning) {
-        QEventLoop loop;
-        connect(&mProcess, qOverload<int, QProcess::ExitStatus>(&QProcess::finished), &loop, &QEventLoop::quit);
-        QTimer::singleShot(timeoutMs, &loop, &QEventLoop::quit);
-        loop.exec();
-    }
-    if (mProcess.state() != QProcess::NotRunning) {
+    // The event loop runs meanwhile: the test's own sockets (and this
+    // process's stdin) keep being served.
+    if (!QTest::qWaitFor([this]() { return mProcess.state() == QProcess::NotRunning; }, timeoutMs)) {
         mProcess.kill();
         mProcess.waitForFinished(5000);
         return -1;
@@ -52,15 +44,10 @@ int ToolProcess::finish(int timeoutMs)
 ToolProcess::Result ToolProcess::run(const QString& program, const QStringList& args, int timeoutMs)
 {
     ToolProcess p(program, args);
-    Result r;
-    if (!p.mProcess.waitForStarted(timeoutMs)) {
-        r.err = QStringLiteral("%1 did not start").arg(program);
-        return r;
-    }
-    r.exitCode = p.finish(timeoutMs);
-    r.out = p.out();
-    r.err = p.err();
-    return r;
+    if (!p.mProcess.waitForStarted(timeoutMs))
+        return {-1, QString(), program + QStringLiteral(" did not start")};
+    const int exitCode = p.finish(timeoutMs);
+    return {exitCode, p.out(), p.err()};
 }
 
 bool ToolProcess::waitUntilBound(quint16 udpPort, int timeoutMs) const

@@ -1,8 +1,14 @@
 #ifndef TOOLPROCESS_H
 #define TOOLPROCESS_H
 
+#include "canopenmasterclass.h"
+#include "democanadapter.h"
+#include "framecollector.h"
+#include "testbus.h"
+
 #include <QObject>
 #include <QProcess>
+#include <QRegularExpression>
 #include <QString>
 #include <QStringList>
 
@@ -28,8 +34,9 @@ public:
     QString out() const { return QString::fromLocal8Bit(mOut); }
     QString err() const { return QString::fromLocal8Bit(mErr); }
     QStringList outLines() const { return out().split(QLatin1Char('\n'), Qt::SkipEmptyParts); }
+    // The output lines of a listening command after their time column ("  1.234  node ...").
+    QStringList events() const { return outLines().replaceInStrings(QRegularExpression(QStringLiteral("^.{9}")), QString()); }
     void write(const QByteArray& input) { mProcess.write(input); }
-    bool isRunning() const { return mProcess.state() != QProcess::NotRunning; }
     qint64 pid() const { return mProcess.processId(); }
     // Waits (running the event loop) until the program has a UDP socket bound
     // to this port, i.e. a virtual-bus adapter of it listens on that bus;
@@ -43,6 +50,16 @@ private:
     QProcess mProcess;
     QByteArray mOut;
     QByteArray mErr;
+};
+
+// The test's own adapter on a private virtual bus (the port reaches the tools
+// through the environment), open, keeping every frame it receives.
+struct WatchedBus {
+    ~WatchedBus() { adapter.close(); } // before the collector goes
+    const quint16 port = (CanopenMaster::registerMetaTypes(), TestBus::usePrivatePort());
+    DemoCanAdapter adapter{QStringLiteral("v")};
+    FrameCollector frames{&adapter};
+    const bool opened = adapter.open() == CAN::Ok;
 };
 
 #endif

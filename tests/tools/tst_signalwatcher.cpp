@@ -10,21 +10,20 @@ class tst_SignalWatcher : public QObject
 private Q_SLOTS:
     void deliversTheSignalInTheOwnersThread()
     {
-        const int signalNumber = SIGUSR2;
         SignalWatcher watcher({SIGUSR1, SIGUSR2}); // (quitOnTermination: see tst_cosim, SIGTERM)
         QVERIFY(watcher.isValid());
         QSignalSpy spy(&watcher, &SignalWatcher::signalReceived);
         QThread* receivedIn = nullptr;
         connect(&watcher, &SignalWatcher::signalReceived, this, [&receivedIn]() { receivedIn = QThread::currentThread(); });
-        ::raise(signalNumber);
+        ::raise(SIGUSR2);
         QTRY_COMPARE_WITH_TIMEOUT(spy.count(), 1, 2000);
-        QCOMPARE(spy.at(0).at(0).toInt(), signalNumber);
+        QCOMPARE(spy.at(0).at(0).toInt(), SIGUSR2);
         QCOMPARE(receivedIn, QThread::currentThread());
 
         // One-shot: a second signal of the same kind takes its default
         // action (a second Ctrl-C ends a program that hangs while stopping).
         struct sigaction now = {};
-        QCOMPARE(::sigaction(signalNumber, nullptr, &now), 0);
+        QCOMPARE(::sigaction(SIGUSR2, nullptr, &now), 0);
         QVERIFY(now.sa_handler == SIG_DFL);
     }
 };
