@@ -6,11 +6,18 @@
 
 AbstractCanAdapter::AbstractCanAdapter(QObject* parent)
     : QThread(parent)
+    , mLifeToken(new QObject(this))
 {
     CanopenMaster::registerMetaTypes();
 }
 
 AbstractCanAdapter::~AbstractCanAdapter() = default;
+
+void AbstractCanAdapter::endOfLife()
+{
+    delete mLifeToken;
+    mLifeToken = nullptr;
+}
 
 quint8 AbstractCanAdapter::lengthToDlc(quint8 length)
 {

@@ -66,6 +66,12 @@ public:
     bool useSystemTime() const { return mUseSystemTime.load(); }
     bool autoBusOn() const { return mAutoBusOn; }
 
+    // Lives while the adapter is whole: a backend ends it first thing in its
+    // destructor (endOfLife()); otherwise it goes with the adapter's children.
+    // Users that write from other threads connect directly to its destroyed()
+    // signal and let go of the adapter there, in the deleting thread.
+    QObject* lifeToken() const { return mLifeToken; }
+
 Q_SIGNALS:
     void newCanMessage(CAN::CanRxMessage* message);
     void newTxCanMessage(CAN::CanRxMessage message);
@@ -81,6 +87,7 @@ protected:
     // Fill a time stamp from the host clock (local time of day), as used
     // when the system-time switch is on.
     static CAN::CanTimeStamp systemTimeStamp();
+    void endOfLife();
 
     std::atomic<bool> mSendingBlocked{false};
     bool mListenOnly = false;      // second base flag, kept for backends
@@ -89,6 +96,9 @@ protected:
     quint16 mBitrate = 0;
     std::atomic<bool> mUseSystemTime{false};
     bool mAutoBusOn = false;
+
+private:
+    QObject* mLifeToken;
 };
 
 #endif

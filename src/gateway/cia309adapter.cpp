@@ -41,6 +41,7 @@ CiA309Adapter::CiA309Adapter(const QString& interfaceName, QObject* parent)
 
 CiA309Adapter::~CiA309Adapter()
 {
+    endOfLife(); // users in other threads let go first
     // The socket is our child and goes with us; it must not call back into
     // a half-destroyed adapter on its way out.
     if (mSocket) {

@@ -27,7 +27,17 @@ void CMTWorker::setInterval(unsigned int ms)
 void CMTWorker::setAdapter(AbstractCanAdapter* adapter)
 {
     std::lock_guard<std::mutex> guard(mLock);
+    if (mAdapter && mAdapter->lifeToken())
+        disconnect(mAdapter->lifeToken(), &QObject::destroyed, this, nullptr);
     mAdapter = adapter;
+    if (adapter && adapter->lifeToken()) {
+        // The loop writes under the lock, so an adapter being deleted waits
+        // for a write in progress and is never used afterwards.
+        connect(adapter->lifeToken(), &QObject::destroyed, this, [this] {
+            std::lock_guard<std::mutex> guard(mLock);
+            mAdapter.clear();
+        }, Qt::DirectConnection);
+    }
 }
 
 void CMTWorker::requestStart()
@@ -72,22 +82,17 @@ void CMTWorker::doWork()
         mRunning.store(true);
     }
     for (;;) {
-        AbstractCanAdapter* adapter;
-        CAN::CanMessage frame;
-        {
-            std::lock_guard<std::mutex> guard(mLock);
-            adapter = mAdapter.data();
-            frame = mFrame;
-        }
+        std::unique_lock<std::mutex> lock(mLock);
+        AbstractCanAdapter* adapter = mAdapter.data();
         if (!adapter) {
             mRunning.store(false);
             return;
         }
+        CAN::CanMessage frame = mFrame;
         adapter->write(&frame); // the result is not looked at: the next period tries again
         // The pause follows the write, so the period is the interval plus
         // the time of one write.
         const unsigned int pause = mInterval.load();
-        std::unique_lock<std::mutex> lock(mLock);
         if (pause > 0)
             mWake.wait_for(lock, std::chrono::milliseconds(pause), [this] { return !mRunning.load(); });
         if (!mRunning.load())

@@ -50,7 +50,10 @@ void SYNCProducer::initValues()
         mFrame.id = 0x80;
         mCounterFlag = false;
     }
-    mSyncScheduler.store(nullptr);
+    {
+        std::lock_guard<std::mutex> guard(mSendLock);
+        mSyncScheduler = nullptr;
+    }
     if (!mTimer) {
         mTimer = new TimerThread();
         // Direct: the frame is written from the timer thread.
@@ -61,8 +64,20 @@ void SYNCProducer::initValues()
 CAN::RetType SYNCProducer::setCanScheduler(CanScheduler* scheduler)
 {
     // SYNC receives nothing, so nothing is registered.
-    mSyncScheduler.store(scheduler);
+    if (mScheduler)
+        disconnect(mScheduler.data(), &CanScheduler::aboutToBeDestroyed, this, nullptr);
+    {
+        std::lock_guard<std::mutex> guard(mSendLock);
+        mSyncScheduler = scheduler;
+    }
     mScheduler = scheduler;
+    if (scheduler) {
+        // Let go of it before it is torn down; a frame being written ends first.
+        connect(scheduler, &CanScheduler::aboutToBeDestroyed, this, [this] {
+            std::lock_guard<std::mutex> guard(mSendLock);
+            mSyncScheduler = nullptr;
+        }, Qt::DirectConnection);
+    }
     return CAN::Ok;
 }
 
@@ -118,11 +133,12 @@ CAN::CanMessage SYNCProducer::buildNextSyncMessage()
 CAN::RetType SYNCProducer::oneSync()
 {
     CAN::CanMessage frame = buildNextSyncMessage(); // the counter advances even if nothing is sent
-    CanScheduler* scheduler = mSyncScheduler.load();
-    AbstractCanAdapter* adapter = scheduler ? scheduler->canAdapter() : nullptr;
-    if (!adapter)
-        return CAN::Error;
-    const CAN::RetType result = adapter->write(&frame);
+    CAN::RetType result = CAN::Error;
+    {
+        std::lock_guard<std::mutex> guard(mSendLock);
+        if (mSyncScheduler)
+            result = mSyncScheduler->write(&frame); // 5 without adapter
+    }
     if (result != CAN::Ok)
         return result;
     Q_EMIT syncEvent();

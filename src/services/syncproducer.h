@@ -14,7 +14,8 @@ class TimerThread;
 // CANopen SYNC producer. The period comes from a TimerThread of its own, and
 // the periodic frames are written (and syncEvent() emitted) from that thread,
 // so the SYNC rate does not depend on the application's event loop.
-// The producer must not outlive its scheduler (the pointer is not guarded).
+// When the scheduler or its adapter is deleted, frames are no longer sent
+// (oneSync and start return 5).
 class CANOPENMASTER_EXPORT SYNCProducer : public CANopenService
 {
     Q_OBJECT
@@ -67,7 +68,10 @@ private:
     CAN::CanMessage mFrame;
     bool mCounterFlag = false;
     QPointer<TimerThread> mTimer;
-    std::atomic<CanScheduler*> mSyncScheduler{nullptr};
+    // The scheduler the timer thread writes through, guarded by mSendLock
+    // (held while a frame is written): cleared when the scheduler goes.
+    std::mutex mSendLock;
+    CanScheduler* mSyncScheduler = nullptr;
 };
 
 #endif

@@ -48,6 +48,7 @@ GridConnectUSBCanAdapter::GridConnectUSBCanAdapter(const QString& portName, QObj
 
 GridConnectUSBCanAdapter::~GridConnectUSBCanAdapter()
 {
+    endOfLife(); // users in other threads let go first
     stopLoop();
     delete mPort.data(); // only if the loop never ran
 }

@@ -82,6 +82,7 @@ DemoCanAdapter::DemoCanAdapter(const QString& interfaceName, QObject* parent)
 
 DemoCanAdapter::~DemoCanAdapter()
 {
+    endOfLife(); // users in other threads let go first
     stopLoop();
     if (mWakeFd >= 0)
         ::close(mWakeFd);
