@@ -4,11 +4,8 @@
 #include "recordingcanadapter.h"
 
 #include <QPointer>
-#include <QThread>
 #include <QtTest>
-#include <atomic>
 #include <mutex>
-#include <thread>
 
 // The smallest service on the common base: receives on one identifier,
 // sends one frame on another, and follows the CANopen FD switch.
@@ -48,18 +45,12 @@ public:
         std::lock_guard<std::mutex> g(mLock);
         return mIds;
     }
-    QThread* lastThread()
-    {
-        std::lock_guard<std::mutex> g(mLock);
-        return mThread;
-    }
 
 public Q_SLOTS:
     void newCanMessageReceived(CAN::CanRxMessage message) override
     {
         std::lock_guard<std::mutex> g(mLock);
         mIds.append(message.message.id);
-        mThread = QThread::currentThread();
     }
 
 private:
@@ -68,7 +59,6 @@ private:
     QPointer<CanSender> mReceiver;
     std::mutex mLock;
     QVector<quint32> mIds;
-    QThread* mThread = nullptr;
 };
 
 // An adapter with its scheduler, connected.
@@ -170,34 +160,6 @@ private Q_SLOTS:
         QCOMPARE(fd, (QVector<bool>{false, true, true, false}));
         a.release();
         b.release();
-    }
-
-    // The default (automatic) connection runs the slot in the service's
-    // thread whatever thread dispatches; a direct one runs it in the
-    // dispatching (adapter) thread.
-    void deliveryThreadFollowsConnectionType_data()
-    {
-        QTest::addColumn<int>("type");
-        QTest::addColumn<bool>("inAdapterThread");
-        QTest::newRow("automatic") << int(Qt::AutoConnection) << false;
-        QTest::newRow("direct") << int(Qt::DirectConnection) << true;
-    }
-    void deliveryThreadFollowsConnectionType()
-    {
-        QFETCH(int, type);
-        QFETCH(bool, inAdapterThread);
-        Bus bus;
-        TestService service(0x181, Qt::ConnectionType(type));
-        service.setCanScheduler(&bus.scheduler);
-        QThread* adapterThread = nullptr;
-        std::thread t([&] {
-            adapterThread = QThread::currentThread();
-            bus.adapter.inject(0x181, {1, 2});
-        });
-        t.join();
-        QTRY_COMPARE_WITH_TIMEOUT(service.receivedIds().size(), 1, 5000);
-        QCOMPARE(service.lastThread(), inAdapterThread ? adapterThread : QThread::currentThread());
-        service.release();
     }
 };
 

@@ -17,8 +17,6 @@ if(CANOPEN_BUILD_TOOLS)
   canopen_add_test(tools tst_cosim)
   target_compile_definitions(tst_cosim PRIVATE COSIM_PATH="$<TARGET_FILE:cosim>")
   add_dependencies(tst_cosim cosim)
-  canopen_add_test(tools tst_signalwatcher)
-  target_link_libraries(tst_signalwatcher PRIVATE canopentoolsupport)
   # The simulated device's parts, in process.
   canopen_add_test(tools tst_sdoserver)
   target_link_libraries(tst_sdoserver PRIVATE canopensim)

@@ -84,13 +84,6 @@ private Q_SLOTS:
         QFETCH(QString, result);
         QCOMPARE(parsed(kind, text), result);
     }
-
-    void seconds()
-    {
-        QCOMPARE(NetNotation::seconds(0), QStringLiteral("  0.000"));
-        QCOMPARE(NetNotation::seconds(123456), QStringLiteral("123.456"));
-        QCOMPARE(NetNotation::formatPdoValues({CAN::UNSIGNED32}, {QVariant(4294967295u)}), QStringLiteral("u32=4294967295"));
-    }
 };
 
 QTEST_MAIN(tst_NetNotation)
