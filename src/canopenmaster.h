@@ -19,6 +19,8 @@
 #include "sdoexpeditedclient.h"
 #include "sdosegmentedclient.h"
 #include "sdoblockclient.h"
+#include "sdoclient.h"
+#include "usdoexpeditedclient.h"
 #include "canadapterfactory.h"
 #include "democanadapter.h"
 #include "gridconnectusbcanadapter.h"

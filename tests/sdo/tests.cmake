@@ -1,6 +1,8 @@
 canopen_add_test(sdo tst_sdoexpeditedclient)
 canopen_add_test(sdo tst_sdosegmentedclient)
 canopen_add_test(sdo tst_sdoblockclient)
+canopen_add_test(sdo tst_sdoclient)
+canopen_add_test(sdo tst_usdoexpeditedclient)
 if(CANOPEN_BUILD_TOOLS)
   # Against the simulated device, in this process and as the cosim program.
   canopen_add_test(sdo tst_sdoendtoend)
