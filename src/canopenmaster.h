@@ -25,6 +25,7 @@
 #include "democanadapter.h"
 #include "gridconnectusbcanadapter.h"
 #include "cia309adapter.h"
+#include "sdocia309client.h"
 #include "nmtnetwork.h"
 #include "nmtslave.h"
 #include "emcyconsumer.h"

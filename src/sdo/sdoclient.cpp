@@ -2,6 +2,7 @@
 
 #include "abstractcanadapter.h"
 #include "canopenmasterclass.h"
+#include "sdocia309client.h"
 #include "sdoblockclient.h"
 #include "sdoexpeditedclient.h"
 #include "sdosegmentedclient.h"
@@ -39,6 +40,7 @@ SDOClient::SDOClient(QObject* parent)
     segmentedClient = new SDOSegmentedClient(this);
     blockClient = new SDOBlockClient(this);
     usdoExpeditedClient = new USDOExpeditedClient(this);
+    gatewayClient = new SDOCiA309Client(this);
     init();
 }
 
@@ -49,6 +51,7 @@ SDOClient::SDOClient(quint32 clientRxCobId, quint32 serverCobId_, CanScheduler* 
     segmentedClient = new SDOSegmentedClient(clientRxCobId, serverCobId_, scheduler, this);
     blockClient = new SDOBlockClient(clientRxCobId, serverCobId_, scheduler, this);
     usdoExpeditedClient = new USDOExpeditedClient(0x29, quint8(serverCobId_ & 0xFF), scheduler, this);
+    gatewayClient = new SDOCiA309Client(scheduler, this);
     serverCobId = serverCobId_;
     mScheduler = scheduler;
     // The routing answer arrives on the gateway's SDO channel; registered here
@@ -87,6 +90,7 @@ void SDOClient::setupConnections()
     hook(expeditedClient.data(), false);
     hook(segmentedClient.data(), true);
     hook(blockClient.data(), true);
+    hook(gatewayClient.data(), true);
     connect(usdoExpeditedClient.data(), &USDOExpeditedClient::resultReceived, this, &SDOClient::resultIndication);
     connect(usdoExpeditedClient.data(), &USDOExpeditedClient::errorReceived, this, &SDOClient::errorIndication);
 }
@@ -136,6 +140,8 @@ CAN::RetType SDOClient::setCanScheduler(CanScheduler* scheduler)
         blockClient->setCanScheduler(scheduler);
     if (usdoExpeditedClient)
         usdoExpeditedClient->setCanScheduler(scheduler);
+    if (gatewayClient)
+        gatewayClient->setCanScheduler(scheduler);
     if (expeditedClient)
         r = expeditedClient->setCanScheduler(scheduler);
     return r;
@@ -161,6 +167,8 @@ CAN::RetType SDOClient::setSdoTimeout(quint32 ms)
         blockClient->setSdoTimeout(ms);
     if (usdoExpeditedClient)
         usdoExpeditedClient->setSdoTimeout(ms);
+    if (gatewayClient)
+        gatewayClient->setSdoTimeout(ms);
     return expeditedClient ? expeditedClient->setSdoTimeout(ms) : CAN::Error;
 }
 
@@ -262,16 +270,16 @@ CAN::RetType SDOClient::read(quint16 idx, quint8 sub, CAN::CANopenDataType type)
     // With a routing indication done, a refused kind still reports 0.
     const CAN::RetType none = transferKind == KindRouting ? CAN::Ok : CAN::NotSupported;
 
-    if (onGateway()) {
-        transferKind = KindGateway;
-        busy = false; // the gateway client is not part of this build
-        Q_EMIT opError(idx, sub, CAN::NotSupported);
-        return none;
-    }
-    transferKind = getSdoTypefromDataType(type, 0, 0);
     CAN::RetType r = CAN::NotSupported;
     bool started = false;
+    transferKind = onGateway() ? quint32(KindGateway) : getSdoTypefromDataType(type, 0, 0);
     switch (transferKind) {
+    case KindGateway:
+        if (gatewayClient) {
+            r = gatewayClient->read(serverNode(), idx, sub, type);
+            started = true;
+        }
+        break;
     case KindExpedited:
         if (expeditedClient) {
             r = expeditedClient->read(idx, sub, type);
@@ -333,7 +341,11 @@ CAN::RetType SDOClient::write(quint16 idx, quint8 sub, CAN::CANopenDataType type
     CAN::RetType r = CAN::NotSupported;
     bool ownCode = false; // the SDO engines' refusals are reported with their own code first
     if (onGateway()) {
-        transferKind = KindGateway; // the gateway client is not part of this build
+        transferKind = KindGateway;
+        if (gatewayClient) {
+            r = gatewayClient->write(serverNode(), idx, sub, type, value);
+            ownCode = true;
+        }
     } else {
         switch (getSdoTypefromDataType(type, size, 2)) {
         case KindExpedited:
@@ -489,7 +501,7 @@ CAN::RetType SDOClient::abort(quint32 abortCode)
         return usdoExpeditedClient->abort(abortCode), CAN::Ok;
     case KindGateway:
         busy = false;
-        return CAN::NotSupported; // no gateway client in this build
+        return gatewayClient ? gatewayClient->abort(abortCode) : CAN::NotSupported;
     default: // none, routing, or a USDO engine this build lacks
         return CAN::Ok;
     }
@@ -503,6 +515,8 @@ QByteArray SDOClient::getCurrentlyReceivedData() const
         return segmentedClient->getCurrentlyReceivedData();
     if (transferKind == KindBlock && blockClient)
         return blockClient->getCurrentlyReceivedData();
+    if (transferKind == KindGateway && gatewayClient)
+        return gatewayClient->getCurrentlyReceivedData();
     return QByteArray();
 }
 

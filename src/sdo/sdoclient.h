@@ -11,6 +11,7 @@ class SDOExpeditedClient;
 class SDOSegmentedClient;
 class SDOBlockClient;
 class USDOExpeditedClient;
+class SDOCiA309Client;
 
 // Reads and writes one object dictionary entry of a remote node. Owns one
 // engine per transfer kind, picks the engine for each request from the data
@@ -19,9 +20,8 @@ class USDOExpeditedClient;
 //
 // Transfer kinds: 0 none fits, 1 routing indication in progress, 2 SDO
 // expedited, 3 SDO segmented, 4 USDO expedited, 5 USDO segmented, 6 USDO bulk,
-// 7 SDO block, 8 CiA 309-3 gateway. The USDO segmented and bulk engines and
-// the gateway client are not part of this build: requests that would need
-// them are refused with 2.
+// 7 SDO block, 8 CiA 309-3 gateway. The USDO segmented and bulk engines are
+// not part of this build: requests that would need them are refused with 2.
 class CANOPENMASTER_EXPORT SDOClient : public CANopenService
 {
     Q_OBJECT
@@ -108,6 +108,7 @@ private:
     QPointer<SDOSegmentedClient> segmentedClient;
     QPointer<SDOBlockClient> blockClient;
     QPointer<USDOExpeditedClient> usdoExpeditedClient;
+    QPointer<SDOCiA309Client> gatewayClient;
     QPointer<CanSender> routingSender;
     quint32 routingAbortCode = 0;
     quint16 index = 0;

@@ -1,1 +1,2 @@
 canopen_add_test(gateway tst_cia309adapter)
+canopen_add_test(gateway tst_sdocia309client)
