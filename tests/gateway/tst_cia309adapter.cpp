@@ -107,6 +107,8 @@ private Q_SLOTS:
                                       << QStringList{"[2] ERROR:100 #x\r\n"};
         QTest::newRow("line ends in the next piece") << QByteArray("[3] OK\r\n[4] OK\n") << QList<int>{3, 10}
                                                      << QStringList{"[3] OK\r\n", "[4] OK\n"};
+        QTest::newRow("line feed alone") << QByteArray("[3] OK\n[4] OK\n") << QList<int>{6, 7}
+                                         << QStringList{"[3] OK\n", "[4] OK\n"};
         QTest::newRow("cut at the first NUL") << QByteArray("[5] OK\r\n\0[6] OK\r\n", 17) << QList<int>{}
                                               << QStringList{"[5] OK\r\n"};
         QTest::newRow("tail without line end") << QByteArray("[7] OK\n[8] O") << QList<int>{}
