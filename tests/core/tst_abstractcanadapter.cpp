@@ -6,6 +6,7 @@
 #include "testbus.h"
 
 #include <QTime>
+#include <QScopeGuard>
 #include <QtTest>
 
 // Provides only what every backend must provide, so that everything else
@@ -115,6 +116,11 @@ private Q_SLOTS:
         DemoCanAdapter ownTime(QStringLiteral("Talvik Virtual"));
         hostTime.setUseSystemTime(true);
         FrameCollector hostFrames(&hostTime), ownFrames(&ownTime);
+        // The listeners stop before their collectors go, whatever way the test ends.
+        const auto closeFirst = qScopeGuard([&] {
+            hostTime.close();
+            ownTime.close();
+        });
         writer.open();
         hostTime.open();
         ownTime.open();
