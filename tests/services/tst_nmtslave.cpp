@@ -345,6 +345,14 @@ private Q_SLOTS:
             QTRY_VERIFY_WITH_TIMEOUT(f.adapter.writtenCount() >= 4, 3000);
             QCOMPARE(f.supervision->count(), 0);
         }
+        // A new guard time replaces the old one: the 20 ms ticks stop.
+        {
+            Fixture f(5);
+            f.slave->startNodeGuarding(20, 3);
+            f.slave->startNodeGuarding(10000, 3);
+            QTest::qWait(150);
+            QCOMPARE(f.adapter.writtenCount(), 0);
+        }
     }
 };
 
