@@ -270,45 +270,9 @@ CAN::RetType SDOClient::read(quint16 idx, quint8 sub, CAN::CANopenDataType type)
     // With a routing indication done, a refused kind still reports 0.
     const CAN::RetType none = transferKind == KindRouting ? CAN::Ok : CAN::NotSupported;
 
-    CAN::RetType r = CAN::NotSupported;
-    bool started = false;
     transferKind = onGateway() ? quint32(KindGateway) : getSdoTypefromDataType(type, 0, 0);
-    switch (transferKind) {
-    case KindGateway:
-        if (gatewayClient) {
-            r = gatewayClient->read(serverNode(), idx, sub, type);
-            started = true;
-        }
-        break;
-    case KindExpedited:
-        if (expeditedClient) {
-            r = expeditedClient->read(idx, sub, type);
-            started = true;
-        }
-        break;
-    case KindSegmented:
-        if (segmentedClient) {
-            r = segmentedClient->read(idx, sub);
-            started = true;
-        }
-        break;
-    case KindBlock:
-        if (blockClient) {
-            r = blockClient->read(idx, sub);
-            started = true;
-        }
-        break;
-    case KindUsdoExpedited:
-        if (usdoExpeditedClient) {
-            usdoExpeditedClient->setRouting(mRoutingActive, quint8(mRoutingGatewayInLocalNetwork),
-                                            quint8(mRoutingNetwork), serverNode());
-            r = usdoExpeditedClient->read(idx, sub, type);
-            started = true;
-        }
-        break;
-    default: // no kind, or a USDO engine not part of this build
-        break;
-    }
+    bool started = false;
+    const CAN::RetType r = startEngineRead(transferKind, idx, sub, type, started);
     if (!started) {
         busy = false;
         Q_EMIT opError(idx, sub, CAN::NotSupported);
@@ -320,6 +284,40 @@ CAN::RetType SDOClient::read(quint16 idx, quint8 sub, CAN::CANopenDataType type)
     // released; callers rely on that sequence.
     Q_EMIT opError(idx, sub, r);
     return failedStart(idx, sub, r);
+}
+
+CAN::RetType SDOClient::startEngineRead(quint32 kind, quint16 idx, quint8 sub, CAN::CANopenDataType type, bool& started)
+{
+    started = true;
+    switch (kind) {
+    case KindGateway:
+        if (gatewayClient)
+            return gatewayClient->read(serverNode(), idx, sub, type);
+        break;
+    case KindExpedited:
+        if (expeditedClient)
+            return expeditedClient->read(idx, sub, type);
+        break;
+    case KindSegmented:
+        if (segmentedClient)
+            return segmentedClient->read(idx, sub);
+        break;
+    case KindBlock:
+        if (blockClient)
+            return blockClient->read(idx, sub);
+        break;
+    case KindUsdoExpedited:
+        if (usdoExpeditedClient) {
+            usdoExpeditedClient->setRouting(mRoutingActive, quint8(mRoutingGatewayInLocalNetwork),
+                                            quint8(mRoutingNetwork), serverNode());
+            return usdoExpeditedClient->read(idx, sub, type);
+        }
+        break;
+    default: // no kind, or a USDO engine not part of this build
+        break;
+    }
+    started = false;
+    return CAN::NotSupported;
 }
 
 CAN::RetType SDOClient::write(quint16 idx, quint8 sub, CAN::CANopenDataType type, QVariant value)
@@ -337,62 +335,55 @@ CAN::RetType SDOClient::write(quint16 idx, quint8 sub, CAN::CANopenDataType type
 
     const bool sized = type == CAN::VISIBLE_STRING || type == CAN::OCTET_STRING || type == CAN::DOMAIN;
     const quint32 size = sized ? quint32(value.toByteArray().size()) : 0;
+    quint32 kind = onGateway() ? quint32(KindGateway) : getSdoTypefromDataType(type, size, 2);
+    // Short values fit one USDO frame; longer ones would need the USDO
+    // segmented engine, which is not part of this build.
+    if (kind == KindUsdoSegmented && value.toByteArray().size() < int(UsdoExpeditedLimit))
+        kind = KindUsdoExpedited;
+    if (kind != KindNone)
+        transferKind = kind; // a value without transfer kind leaves the stored kind as it was
 
-    CAN::RetType r = CAN::NotSupported;
-    bool ownCode = false; // the SDO engines' refusals are reported with their own code first
-    if (onGateway()) {
-        transferKind = KindGateway;
-        if (gatewayClient) {
-            r = gatewayClient->write(serverNode(), idx, sub, type, value);
-            ownCode = true;
-        }
-    } else {
-        switch (getSdoTypefromDataType(type, size, 2)) {
-        case KindExpedited:
-            transferKind = KindExpedited;
-            if (expeditedClient) {
-                r = expeditedClient->write(idx, sub, type, value);
-                ownCode = true;
-            }
-            break;
-        case KindSegmented:
-            transferKind = KindSegmented;
-            if (segmentedClient) {
-                r = segmentedClient->write(idx, sub, value.toByteArray());
-                ownCode = true;
-            }
-            break;
-        case KindBlock:
-            transferKind = KindBlock;
-            if (blockClient) {
-                r = blockClient->write(idx, sub, value.toByteArray());
-                ownCode = true;
-            }
-            break;
-        case KindUsdoBulk:
-            transferKind = KindUsdoBulk; // no bulk engine in this build
-            break;
-        case KindUsdoSegmented:
-            if (value.toByteArray().size() >= int(UsdoExpeditedLimit)) {
-                transferKind = KindUsdoSegmented; // no USDO segmented engine in this build
-                break;
-            }
-            Q_FALLTHROUGH(); // short values fit one USDO frame
-        case KindUsdoExpedited:
-            transferKind = KindUsdoExpedited;
-            if (usdoExpeditedClient)
-                r = usdoExpeditedClient->write(idx, sub, type, value);
-            break;
-        default:
-            break;
-        }
-    }
+    bool started = false;
+    const CAN::RetType r = startEngineWrite(kind, idx, sub, type, value, started);
     if (r == CAN::Ok)
         return CAN::Ok;
-    // write always reports 2; an SDO engine's own refusal is emitted first.
-    if (ownCode)
+    // write always reports 2; an SDO engine's own refusal is emitted first
+    // (the USDO engine's is not).
+    if (started && kind != KindUsdoExpedited)
         Q_EMIT opError(idx, sub, r);
     return failedStart(idx, sub, CAN::NotSupported);
+}
+
+CAN::RetType SDOClient::startEngineWrite(quint32 kind, quint16 idx, quint8 sub, CAN::CANopenDataType type,
+                                         const QVariant& value, bool& started)
+{
+    started = true;
+    switch (kind) {
+    case KindGateway:
+        if (gatewayClient)
+            return gatewayClient->write(serverNode(), idx, sub, type, value);
+        break;
+    case KindExpedited:
+        if (expeditedClient)
+            return expeditedClient->write(idx, sub, type, value);
+        break;
+    case KindSegmented:
+        if (segmentedClient)
+            return segmentedClient->write(idx, sub, value.toByteArray());
+        break;
+    case KindBlock:
+        if (blockClient)
+            return blockClient->write(idx, sub, value.toByteArray());
+        break;
+    case KindUsdoExpedited:
+        if (usdoExpeditedClient)
+            return usdoExpeditedClient->write(idx, sub, type, value);
+        break;
+    default: // no kind, or a USDO engine not part of this build
+        break;
+    }
+    started = false;
+    return CAN::NotSupported;
 }
 
 // ---------------------------------------------------------------- routing

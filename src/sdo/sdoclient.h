@@ -101,6 +101,10 @@ private:
     CAN::RetType routeRequest(quint16 index, quint8 sub);
     void mysleep(quint16 ms, bool* flag);
     CAN::RetType failedStart(quint16 index, quint8 sub, CAN::RetType code);
+    // Hand a request to the engine of a transfer kind; started stays false without one.
+    CAN::RetType startEngineRead(quint32 kind, quint16 index, quint8 sub, CAN::CANopenDataType type, bool& started);
+    CAN::RetType startEngineWrite(quint32 kind, quint16 index, quint8 sub, CAN::CANopenDataType type,
+                                  const QVariant& value, bool& started);
     quint8 serverNode() const { return quint8(serverCobId & 0xFF); }
     static void fillAbortCodeMap();
 
