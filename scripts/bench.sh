@@ -9,7 +9,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release \
-  -DCANOPEN_BUILD_TESTS=OFF -DCANOPEN_BUILD_TOOLS=OFF -DCANOPEN_BUILD_BENCH=ON >/dev/null
+  -DCANOPEN_BUILD_TESTS=OFF -DCANOPEN_BUILD_TOOLS=ON -DCANOPEN_BUILD_BENCH=ON >/dev/null
 ninja -C build-bench ${NINJA_FLAGS:-} >/dev/null
 export QT_LOGGING_RULES="*.debug=false"
 
