@@ -1,2 +1,3 @@
 canopen_add_test(gateway tst_cia309adapter)
 canopen_add_test(gateway tst_sdocia309client)
+canopen_add_test(gateway tst_lsscia309service)

@@ -36,6 +36,11 @@ public:
     bool setCanAdapterOption(AbstractCanAdapter::AdapterOption option, const QVariant& value) override;
     QVariant getCanAdapterOption(AbstractCanAdapter::AdapterOption option) override;
     CAN::RetType sendCiA309Request(const QString& request, qint16& sequenceNumber) override;
+    CAN::RetType sendCiA309Command(const QString& command) override
+    {
+        qint16 unused = -1;
+        return sendCiA309Request(command, unused);
+    }
 
     // Frames written so far (a copy), and forgetting them.
     QVector<CAN::CanMessage> written() const;
