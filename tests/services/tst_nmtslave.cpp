@@ -213,6 +213,12 @@ private Q_SLOTS:
         QCOMPARE(f.slave->getCurrentNodeState(), S::Unknown);
         QTest::qWait(250); // supervision stopped: the timer still ticks, into nothing
         QCOMPARE(f.supervisionList(), (QList<int>{S::StateReceived, S::StateReceived}));
+        // Node first, scheduler later.
+        NMTSlave later(9);
+        QCOMPARE(later.setCanScheduler(&f.scheduler), CAN::Ok);
+        QSignalSpy laterStates(&later, &NMTSlave::NodeStateChanged);
+        f.adapter.inject(0x709, {0x05});
+        QCOMPARE(laterStates.count(), 1);
     }
 
     void heartbeatLossIsReportedOnce()
