@@ -6,6 +6,7 @@
 #include "command.h"
 #include "dumpcommand.h"
 #include "emcycommand.h"
+#include "lsscommand.h"
 #include "monitorcommand.h"
 #include "nmtcommand.h"
 #include "pdocommand.h"
@@ -33,6 +34,7 @@ std::vector<std::unique_ptr<Command>> makeCommands()
     commands.push_back(std::make_unique<SyncCommand>());
     commands.push_back(std::make_unique<EmcyCommand>());
     commands.push_back(std::make_unique<PdoCommand>());
+    commands.push_back(std::make_unique<LssCommand>());
     return commands;
 }
 

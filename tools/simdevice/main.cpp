@@ -7,6 +7,7 @@
 #include "simconsole.h"
 #include "signalwatcher.h"
 #include "simdevice.h"
+#include "simnode.h"
 #include "simemcyproducer.h"
 #include "simnmtslave.h"
 #include "simtpdo.h"
@@ -16,6 +17,50 @@
 #include <QCoreApplication>
 #include <QTextStream>
 #include <QTimer>
+#include <QVector>
+#include <memory>
+#include <vector>
+
+namespace {
+bool parseNumber(const QString& text, quint32& value)
+{
+    bool ok = false;
+    const qulonglong v = text.trimmed().toULongLong(&ok, 0);
+    value = quint32(v);
+    return ok && v <= 0xFFFFFFFFull;
+}
+
+bool parseIdentity(const QString& text, SimLssSlave::Identity& id)
+{
+    const QStringList parts = text.split(QLatin1Char(':'));
+    return parts.size() == 4 && parseNumber(parts[0], id.vendorId) && parseNumber(parts[1], id.productCode)
+           && parseNumber(parts[2], id.revisionNumber) && parseNumber(parts[3], id.serialNumber);
+}
+
+// "1-127", "5,6,10-12": node-IDs 1..127, each once, in the given order.
+bool parseNodeList(const QString& text, QVector<quint8>& nodes, QString* error)
+{
+    for (const QString& part : text.split(QLatin1Char(','), Qt::SkipEmptyParts)) {
+        const QStringList range = part.split(QLatin1Char('-'));
+        bool ok1 = false, ok2 = true;
+        const uint from = range.value(0).toUInt(&ok1);
+        const uint to = range.size() == 2 ? range.value(1).toUInt(&ok2) : from;
+        if (range.size() > 2 || !ok1 || !ok2 || from < 1 || to > 127 || from > to) {
+            *error = QStringLiteral("'%1' is not a node-ID or range within 1..127").arg(part);
+            return false;
+        }
+        for (uint n = from; n <= to; ++n) {
+            if (!nodes.contains(quint8(n)))
+                nodes << quint8(n);
+        }
+    }
+    if (nodes.isEmpty()) {
+        *error = QStringLiteral("no node-ID given");
+        return false;
+    }
+    return true;
+}
+} // namespace
 
 int main(int argc, char** argv)
 {
@@ -37,6 +82,13 @@ int main(int argc, char** argv)
         "\n"
         "Its SDO server answers expedited, segmented and block transfers; --list-od prints "
         "the object dictionary.\n"
+        "\n"
+        "Its LSS slave (requests on 0x7E5, answers on 0x7E4) switches between waiting and\n"
+        "configuration mode, takes a node-ID and bit timing, stores them (--lss-store), answers\n"
+        "identity and node-ID inquiries, identify requests and the fast scan. With --unconfigured\n"
+        "devices start without node-ID: silent until LSS gives them one, then they boot with it.\n"
+        "One process can simulate many devices (--nodes, --unconfigured); the console drives\n"
+        "the first.\n"
         "\n") + SimConsole::helpText());
     parser.addHelpOption();
     QCommandLineOption nodeOpt({QStringLiteral("n"), QStringLiteral("node")}, QStringLiteral("Node-ID 1..127 (default 5)."), QStringLiteral("id"), QStringLiteral("5"));
@@ -45,6 +97,11 @@ int main(int argc, char** argv)
     QCommandLineOption operationalOpt(QStringLiteral("operational"), QStringLiteral("Enter operational by itself after the boot-up."));
     QCommandLineOption noConsoleOpt(QStringLiteral("no-console"), QStringLiteral("Do not read commands from stdin."));
     parser.addOptions({nodeOpt, hbOpt, portOpt, operationalOpt, noConsoleOpt});
+    QCommandLineOption nodesOpt(QStringLiteral("nodes"), QStringLiteral("Several devices with these node-IDs, e.g. 1-127 or 5,6,10-12."), QStringLiteral("list"));
+    QCommandLineOption unconfiguredOpt(QStringLiteral("unconfigured"), QStringLiteral("Devices without node-ID waiting for LSS (with --identity: one per identity; default 0)."), QStringLiteral("count"));
+    QCommandLineOption identityOpt(QStringLiteral("identity"), QStringLiteral("LSS identities VENDOR:PRODUCT:REVISION:SERIAL (decimal or 0x-hex), comma-separated; for --unconfigured devices, or for --node."), QStringLiteral("list"));
+    QCommandLineOption storeOpt(QStringLiteral("lss-store"), QStringLiteral("File that keeps configurations stored by LSS; a device found there starts with its stored node-ID."), QStringLiteral("file"));
+    parser.addOptions({nodesOpt, unconfiguredOpt, identityOpt, storeOpt});
 
     QCommandLineOption listOdOpt(QStringLiteral("list-od"), QStringLiteral("Print the object dictionary and exit."));
     QCommandLineOption noSdoOpt(QStringLiteral("no-sdo"), QStringLiteral("Run without the SDO server."));
@@ -95,6 +152,42 @@ int main(int argc, char** argv)
         err << "cosim: delay must be 0..3600000 ms, got '" << parser.value(delayOpt) << "'\n";
         return 2;
     }
+    // The devices: node-IDs first, then the unconfigured ones.
+    QVector<quint8> nodes;
+    if (parser.isSet(nodesOpt)) {
+        QString error;
+        if (!parseNodeList(parser.value(nodesOpt), nodes, &error)) {
+            err << "cosim: --nodes: " << error << "\n";
+            return 2;
+        }
+    } else if (parser.isSet(nodeOpt) || !parser.isSet(unconfiguredOpt)) {
+        nodes << quint8(node);
+    }
+    QVector<SimLssSlave::Identity> identities;
+    if (parser.isSet(identityOpt)) {
+        for (const QString& text : parser.value(identityOpt).split(QLatin1Char(','), Qt::SkipEmptyParts)) {
+            SimLssSlave::Identity id;
+            if (!parseIdentity(text, id)) {
+                err << "cosim: --identity wants VENDOR:PRODUCT:REVISION:SERIAL, got '" << text << "'\n";
+                return 2;
+            }
+            identities << id;
+        }
+    }
+    int unconfigured = 0;
+    if (parser.isSet(unconfiguredOpt)) {
+        unconfigured = parser.value(unconfiguredOpt).toInt(&ok);
+        if (!ok || unconfigured < 0 || unconfigured > 1000) {
+            err << "cosim: --unconfigured wants a count 0..1000, got '" << parser.value(unconfiguredOpt) << "'\n";
+            return 2;
+        }
+    } else if (!identities.isEmpty() && !parser.isSet(nodeOpt) && !parser.isSet(nodesOpt)) {
+        unconfigured = identities.size();
+    }
+    if (nodes.size() == 1 && !identities.isEmpty() && unconfigured == 0 && identities.size() != 1) {
+        err << "cosim: one device, one identity\n";
+        return 2;
+    }
     const bool quiet = parser.isSet(quietOpt);
     DemoCanAdapter adapter(QStringLiteral("Talvik Virtual"));
     if (parser.isSet(portOpt) && !adapter.setCanAdapterOption(AbstractCanAdapter::VirtualBusPort, parser.value(portOpt))) {
@@ -108,36 +201,73 @@ int main(int argc, char** argv)
     int stopSignal = 0;
     QObject::connect(watcher, &SignalWatcher::signalReceived, [&stopSignal](int s) { stopSignal = s; });
 
-    ObjectDictionary od; // outlives the device and its SDO server
-    SimDevice device(quint8(node), &adapter);
-    od.addDefaultEntries(device.nodeId(), &device);
-    SdoServer* sdo = nullptr; // a child of the device
-    if (!parser.isSet(noSdoOpt)) {
-        sdo = new SdoServer(&device, &od, &device);
-        sdo->setBlockSize(quint8(sdoBlock));
-        sdo->setTimeout(sdoTimeout);
-        sdo->setCrcSupported(!parser.isSet(sdoNoCrcOpt));
+    SimNode::Config base;
+    base.heartbeatMs = quint16(hb);
+    base.operational = parser.isSet(operationalOpt);
+    base.sdo = !parser.isSet(noSdoOpt);
+    base.sdoBlockSize = quint8(sdoBlock);
+    base.sdoTimeoutMs = sdoTimeout;
+    base.sdoCrc = !parser.isSet(sdoNoCrcOpt);
+    base.storeFile = parser.value(storeOpt);
+    std::vector<std::unique_ptr<SimNode>> devices;
+    for (quint8 n : nodes) {
+        SimNode::Config c = base;
+        c.nodeId = n;
+        c.identity = nodes.size() == 1 && unconfigured == 0 && identities.size() == 1 ? identities.first()
+                                                                                       : SimNode::defaultIdentity(n);
+        devices.emplace_back(new SimNode(c, &adapter));
     }
-    SimNmtSlave nmt(&device);
-    SimEmcyProducer emcy(&device);
-    SimTpdo tpdo(&device);
-    SimConsole console(&device, &nmt, &emcy, &tpdo);
+    for (int i = 0; i < unconfigured; ++i) {
+        SimNode::Config c = base;
+        c.nodeId = SimLssSlave::Unconfigured;
+        if (i < identities.size()) {
+            c.identity = identities.at(i);
+        } else {
+            c.identity = SimNode::defaultIdentity(0);
+            c.identity.serialNumber = 0x5D000100u + quint32(i + 1);
+        }
+        devices.emplace_back(new SimNode(c, &adapter));
+    }
+    if (devices.empty()) {
+        err << "cosim: no device to simulate\n";
+        return 2;
+    }
+    for (const auto& d : devices) {
+        SimNode* dev = d.get();
+        QObject::connect(dev, &SimNode::nodeIdChanged, [dev, quiet, &err](quint8 n) {
+            if (!quiet)
+                err << "cosim: device with serial number 0x" << QString::number(dev->identity().serialNumber, 16)
+                    << (n == SimLssSlave::Unconfigured ? QStringLiteral(" has no node-ID now")
+                                                       : QStringLiteral(" is node %1 now").arg(n))
+                    << Qt::endl;
+        });
+    }
+    SimNode& first = *devices.front();
+    SimConsole console(first.device(), first.nmt(), first.emcy(), first.tpdo());
     QObject::connect(&console, &SimConsole::quitRequested, &app, &QCoreApplication::quit, Qt::QueuedConnection);
     adapter.open();
-    if (!quiet)
-        err << "cosim: node " << node << " on the virtual bus, UDP port " << adapter.busPort()
-            << ", heartbeat " << hb << " ms" << (delay ? QStringLiteral(", boot-up in %1 ms").arg(delay) : QString())
+    if (!quiet) {
+        if (devices.size() == 1 && first.nodeId() != SimLssSlave::Unconfigured)
+            err << "cosim: node " << first.nodeId() << " on the virtual bus, UDP port " << adapter.busPort();
+        else
+            err << "cosim: " << devices.size() << " devices (" << (devices.size() - size_t(unconfigured))
+                << " with node-ID, " << unconfigured << " waiting for LSS) on the virtual bus, UDP port "
+                << adapter.busPort();
+        err << ", heartbeat " << hb << " ms" << (delay ? QStringLiteral(", boot-up in %1 ms").arg(delay) : QString())
             << Qt::endl;
-    // The heartbeat time is set only now: set earlier, the producer would
-    // already send (state 00) while the boot-up is still delayed.
-    const bool operational = parser.isSet(operationalOpt);
-    QTimer::singleShot(int(delay), &device, [&device, &nmt, hb, quiet, operational, &err]() {
-        device.setHeartbeatTime(quint16(hb));
-        device.start();
-        if (operational)
-            nmt.execute(SimNmtSlave::Start);
-        if (!quiet)
-            err << "cosim: boot-up sent, now " << (operational ? "operational" : "pre-operational") << Qt::endl;
+    }
+    // The heartbeat time is set only at the start: set earlier, the producer
+    // would already send (state 00) while the boot-up is still delayed.
+    QTimer::singleShot(int(delay), &first, [&devices, quiet, &err]() {
+        int booted = 0;
+        for (const auto& d : devices) {
+            d->start();
+            booted += d->nodeId() != SimLssSlave::Unconfigured;
+        }
+        if (!quiet && booted)
+            err << "cosim: boot-up sent, now "
+                << (devices.front()->device()->nmtState() == SimDevice::Operational ? "operational" : "pre-operational")
+                << Qt::endl;
     });
     if (!parser.isSet(noConsoleOpt))
         console.attachStdin();

@@ -58,6 +58,13 @@ SdoServer::SdoServer(SimDevice* device, ObjectDictionary* dictionary, QObject* p
     mHandlerId = device->addHandler([this](const CAN::CanRxMessage& frame) { return handleFrame(frame); });
 }
 
+void SdoServer::setNodeId(quint8 nodeId)
+{
+    std::lock_guard<std::mutex> guard(mLock);
+    mRequestCobId.store(0x600u + nodeId);
+    mAnswerCobId.store(0x580u + nodeId);
+}
+
 SdoServer::~SdoServer()
 {
     // Waits for a frame being handled right now; none arrives afterwards.

@@ -57,6 +57,9 @@ public:
     void setTimeout(int ms);
     int timeout() const { return mTimeoutMs; }
 
+    // Follows a new node-ID of the device (the default COB-IDs 0x600/0x580 + node-ID).
+    void setNodeId(quint8 nodeId);
+
     State state() const;
     // Transfers that ended successfully so far.
     quint32 completedTransfers() const { return mCompleted.load(); }
@@ -105,8 +108,8 @@ private:
     SimDevice* const mDevice;           // used in the receive thread
     QPointer<SimDevice> mDeviceGuard;   // owner's thread: is the device still there?
     ObjectDictionary* const mDictionary;
-    const quint32 mRequestCobId;
-    const quint32 mAnswerCobId;
+    std::atomic<quint32> mRequestCobId;
+    std::atomic<quint32> mAnswerCobId;
     int mHandlerId = -1;
 
     std::atomic<quint8> mOfferedBlockSize{MaxBlockSize};

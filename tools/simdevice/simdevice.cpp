@@ -21,8 +21,13 @@ SimDevice::~SimDevice()
 
 void SimDevice::start()
 {
+    if (!isConfigured()) {
+        mHeartbeatTimer.stop();
+        setNmtState(Initialising);
+        return;
+    }
     // Boot-up: 0x700 + node ID with the single byte 0, then pre-operational.
-    send(0x700 + mNodeId, QByteArray(1, '\0'));
+    send(0x700 + nodeId(), QByteArray(1, '\0'));
     setNmtState(PreOperational);
     applyHeartbeatTime(mHeartbeatMs.load());
 }
@@ -50,7 +55,8 @@ void SimDevice::setNmtState(NmtState state)
 
 void SimDevice::sendHeartbeat()
 {
-    send(0x700 + mNodeId, QByteArray(1, char(mState.load())));
+    if (isConfigured())
+        send(0x700 + nodeId(), QByteArray(1, char(mState.load())));
 }
 
 CAN::RetType SimDevice::send(const CAN::CanMessage& frame)
@@ -91,7 +97,7 @@ void SimDevice::removeHandler(int handle)
 
 void SimDevice::onFrame(CAN::CanRxMessage* frame)
 {
-    if (frame->echo)
+    if (frame->echo || !isConfigured())
         return;
     std::lock_guard<std::mutex> guard(mHandlersLock);
     for (const auto& entry : mHandlers) {

@@ -33,10 +33,16 @@ public:
     SimDevice(quint8 nodeId, AbstractCanAdapter* adapter, QObject* parent = nullptr);
     ~SimDevice() override;
 
-    quint8 nodeId() const { return mNodeId; }
+    quint8 nodeId() const { return mNodeId.load(); }
+    // A new node-ID (LSS); 255 means none: the device then ignores every
+    // frame and sends nothing until it gets one and is started again.
+    void setNodeId(quint8 nodeId) { mNodeId.store(nodeId); }
+    bool isConfigured() const { return mNodeId.load() != Unconfigured; }
+    static constexpr quint8 Unconfigured = 0xFF;
     AbstractCanAdapter* adapter() const { return mAdapter; }
 
-    // Sends the boot-up frame, enters pre-operational and starts the heartbeat.
+    // Sends the boot-up frame, enters pre-operational and starts the heartbeat
+    // (without a node-ID: stops the heartbeat and stays initialising).
     void start();
     // Heartbeat producer time in ms (0: off). Thread-safe.
     void setHeartbeatTime(quint16 ms);
@@ -66,7 +72,7 @@ private Q_SLOTS:
 private:
     void onFrame(CAN::CanRxMessage* frame);
 
-    const quint8 mNodeId;
+    std::atomic<quint8> mNodeId;
     QPointer<AbstractCanAdapter> mAdapter;
     std::atomic<quint8> mState{Initialising};
     std::atomic<quint16> mHeartbeatMs{1000};
