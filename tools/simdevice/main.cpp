@@ -152,7 +152,9 @@ int main(int argc, char** argv)
         err << "cosim: delay must be 0..3600000 ms, got '" << parser.value(delayOpt) << "'\n";
         return 2;
     }
-    // The devices: node-IDs first, then the unconfigured ones.
+    // The devices: node-IDs first, then the unconfigured ones. Identities
+    // without any node-ID option are unconfigured devices.
+    const bool identitiesOnly = parser.isSet(identityOpt) && !parser.isSet(nodeOpt) && !parser.isSet(nodesOpt);
     QVector<quint8> nodes;
     if (parser.isSet(nodesOpt)) {
         QString error;
@@ -160,7 +162,7 @@ int main(int argc, char** argv)
             err << "cosim: --nodes: " << error << "\n";
             return 2;
         }
-    } else if (parser.isSet(nodeOpt) || !parser.isSet(unconfiguredOpt)) {
+    } else if (parser.isSet(nodeOpt) || (!parser.isSet(unconfiguredOpt) && !identitiesOnly)) {
         nodes << quint8(node);
     }
     QVector<SimLssSlave::Identity> identities;
@@ -181,7 +183,7 @@ int main(int argc, char** argv)
             err << "cosim: --unconfigured wants a count 0..1000, got '" << parser.value(unconfiguredOpt) << "'\n";
             return 2;
         }
-    } else if (!identities.isEmpty() && !parser.isSet(nodeOpt) && !parser.isSet(nodesOpt)) {
+    } else if (identitiesOnly) {
         unconfigured = identities.size();
     }
     if (nodes.size() == 1 && !identities.isEmpty() && unconfigured == 0 && identities.size() != 1) {
