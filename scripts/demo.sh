@@ -16,7 +16,7 @@ cleanup() {
   done
   wait 2>/dev/null || true
   exec 3>&- 2>/dev/null || true
-  rm -f "$log" "$tmpdump" "$console"
+  rm -f "$log" "$tmpdump" "$console" "${lssstore:-}"
 }
 trap cleanup EXIT
 
@@ -43,6 +43,11 @@ exec 3<>"$console"
 build/tools/simdevice/cosim --port "$port" --node "$node" --heartbeat 500 --delay 1500 --quiet \
   <"$console" >/dev/null &
 pids+=($!)
+# Three more devices, without node-ID: the LSS step finds them and numbers them.
+lssstore=$(mktemp -u)
+build/tools/simdevice/cosim --port "$port" --unconfigured 3 --lss-store "$lssstore" --heartbeat 1000 \
+  --no-console --quiet >/dev/null &
+pids+=($!)
 build/tools/cotool/cotool dump --port "$port" >"$tmpdump" &
 dump_pid=$!
 pids+=($dump_pid)
@@ -68,4 +73,5 @@ echo "  build/tools/cotool/cotool nmt start 5"
 echo "  build/tools/cotool/cotool sync --period 100ms"
 echo "  build/tools/cotool/cotool pdo 185 --map u16,i32"
 echo "  build/tools/cotool/cotool emcy      (then type 'emcy 8110 11' into cosim)"
+echo "  build/tools/simdevice/cosim --unconfigured 3   and   build/tools/cotool/cotool lss scan --start 10"
 exit $status

@@ -7,6 +7,7 @@
 #include "democontext.h"
 #include "emcystep.h"
 #include "heartbeatstep.h"
+#include "lssstep.h"
 #include "nmtstep.h"
 #include "openbusstep.h"
 #include "pdostep.h"
@@ -81,6 +82,7 @@ int main(int argc, char** argv)
     steps.push_back(std::make_unique<EmcyStep>());
     steps.push_back(std::make_unique<PdoStep>());
     steps.push_back(std::make_unique<SdoStep>());
+    steps.push_back(std::make_unique<LssStep>());
 
     context.say(QStringLiteral("CANopen master library demo\n"
                                "===========================\n"
