@@ -5,7 +5,9 @@
 #include "simlssslave.h"
 
 #include <QSignalSpy>
+#include <QRandomGenerator>
 #include <QtTest>
+#include <tuple>
 
 using Identity = SimLssSlave::Identity;
 Q_DECLARE_METATYPE(QList<Identity>)
@@ -79,6 +81,24 @@ private Q_SLOTS:
         QTest::newRow("all ones") << QList<Identity>{id(~0u, ~0u, ~0u, ~0u)} << 0 << 1 + 4 * 33;
         QTest::newRow("three slaves: the lowest identity")
             << QList<Identity>{id(0xABC, 0xC051, 1, 9), id(0xABC, 0xC051, 1, 7), id(0xABD, 0, 0, 0)} << 1 << -1;
+        // Random identities (the seed is printed; LSS_TEST_SEED repeats a run).
+        const quint32 seed = qEnvironmentVariableIsSet("LSS_TEST_SEED") ? quint32(qEnvironmentVariableIntValue("LSS_TEST_SEED"))
+                                                                         : QRandomGenerator::global()->generate();
+        qInfo("identity seed %u", seed);
+        QRandomGenerator random(seed);
+        QList<Identity> randomSlaves;
+        int lowest = 0;
+        for (int i = 0; i < 6; ++i) {
+            // Shared leading parts now and then, so that the search must go deep.
+            const quint32 vendor = i % 2 ? randomSlaves.value(0).vendorId : random.generate();
+            randomSlaves << id(vendor, random.generate() & (i % 3 ? 0xFF : ~0u), random.generate(), random.generate());
+            const auto key = [](const Identity& x) {
+                return std::make_tuple(x.vendorId, x.productCode, x.revisionNumber, x.serialNumber);
+            };
+            if (key(randomSlaves.last()) < key(randomSlaves[lowest]))
+                lowest = i;
+        }
+        QTest::newRow("six random slaves: the lowest identity") << randomSlaves << lowest << 1 + 4 * 33;
     }
     void search()
     {
