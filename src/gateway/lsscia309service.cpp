@@ -59,24 +59,27 @@ CAN::RetType LSSCiA309Service::commandWithoutAnswer(const QString& command)
 
 void LSSCiA309Service::newResponseString(QString response)
 {
-    if (awaitedSequence == NoSequence)
-        return;
-    const QStringList pieces = response.split(QLatin1Char(' '), Qt::SkipEmptyParts);
-    if (pieces.isEmpty())
-        return;
-    QString first = pieces.first();
-    first.remove(QLatin1Char('[')).remove(QLatin1Char(']'));
-    bool ok = false;
-    const uint sequence = first.toUInt(&ok);
-    if (!ok || sequence != awaitedSequence)
-        return;
-    awaitedSequence = NoSequence;
-    if (response.contains(QLatin1String("ERROR"), Qt::CaseInsensitive))
-        commandResult = CAN::Error;
-    else if (response.contains(QLatin1String("OK"), Qt::CaseInsensitive))
-        commandResult = CAN::Ok;
-    mAnswerTimer.stop();
-    mLoop.quit();
+    // Lines that arrive together come in one text: each is an answer of its own.
+    for (const QString& line : response.split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
+        if (awaitedSequence == NoSequence)
+            return;
+        const QStringList pieces = line.split(QLatin1Char(' '), Qt::SkipEmptyParts);
+        if (pieces.isEmpty())
+            continue;
+        QString first = pieces.first();
+        first.remove(QLatin1Char('[')).remove(QLatin1Char(']'));
+        bool ok = false;
+        const uint sequence = first.toUInt(&ok);
+        if (!ok || sequence != awaitedSequence)
+            continue;
+        awaitedSequence = NoSequence;
+        if (line.contains(QLatin1String("ERROR"), Qt::CaseInsensitive))
+            commandResult = CAN::Error;
+        else if (line.contains(QLatin1String("OK"), Qt::CaseInsensitive))
+            commandResult = CAN::Ok;
+        mAnswerTimer.stop();
+        mLoop.quit();
+    }
 }
 
 void LSSCiA309Service::handleTimeout()

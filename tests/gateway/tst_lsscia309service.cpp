@@ -1,7 +1,8 @@
 #include "canopenmasterclass.h"
 #include "canscheduler.h"
+#include "cia309adapter.h"
+#include "fakegateway.h"
 #include "lsscia309service.h"
-#include "recordingcanadapter.h"
 
 #include <QElapsedTimer>
 #include <QSignalSpy>
@@ -13,35 +14,37 @@ using M = LSSMaster;
 using Request = std::function<CAN::RetType(LSSCiA309Service&)>;
 Q_DECLARE_METATYPE(Request)
 
+// The gateway LSS service against a local gateway over TCP: the line on the
+// wire, the wait for the answer with the request's number, the return code.
 class tst_LSSCiA309Service : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
     void initTestCase() { CanopenMaster master; }
 
-    // Command line, answer (sent while the command waits; "%1" is the
-    // request's sequence number) and return code.
     void commands_data()
     {
         QTest::addColumn<Request>("request");
         QTest::addColumn<QString>("line");
-        QTest::addColumn<QString>("answer"); // empty: none
+        QTest::addColumn<QString>("answer"); // after "[n] "; empty: none; "[99] ...": another request's
         QTest::addColumn<int>("code");
         const auto r = [](Request f) { return f; };
         QTest::newRow("switch global, OK") << r([](LSSCiA309Service& s) { return s.switchModeGlobal(M::LssGlobalState(3)); })
-                                           << "lss_switch_glob 1" << "[%1] OK" << 0;
+                                           << "lss_switch_glob 1" << "OK" << 0;
         QTest::newRow("store, error") << r([](LSSCiA309Service& s) { return s.storeConfiguration(); }) << "lss_store"
-                                      << "[%1] ERROR:102" << 5;
+                                      << "ERROR:102" << 5;
         QTest::newRow("set node, lower-case ok") << r([](LSSCiA309Service& s) { return s.configureNodeId(10); })
-                                                 << "lss_set_node 10" << "[%1] ok" << 0;
+                                                 << "lss_set_node 10" << "ok" << 0;
         QTest::newRow("switch selective, hex without zeros")
             << r([](LSSCiA309Service& s) { return s.switchModeSelective(0xABC, 0xC051, 0x10000, 0x5D000005); })
-            << "lss_switch_sel 0xabc 0xc051 0x10000 0x5d000005" << "[%1]   OK" << 0;
+            << "lss_switch_sel 0xabc 0xc051 0x10000 0x5d000005" << "  OK" << 0;
         QTest::newRow("answer without OK") << r([](LSSCiA309Service& s) { return s.activateBitTiming(200); })
-                                           << "lss_activate_bitrate 200" << "[%1] 12" << 5;
+                                           << "lss_activate_bitrate 200" << "12" << 5;
         QTest::newRow("another request's answer: time-out")
             << r([](LSSCiA309Service& s) { return s.configureBitTiming(12, 10); }) << "lss_conf_bitrate 0x12 0xa"
             << "[99] OK" << 5;
+        QTest::newRow("no answer: time-out") << r([](LSSCiA309Service& s) { return s.storeConfiguration(); })
+                                             << "lss_store" << "" << 5;
         QTest::newRow("identity: vendor in decimal, no wait")
             << r([](LSSCiA309Service& s) { return s.classicalScan(2748, 0xC051, 0, 0xFF, 1, 0x10); })
             << "lss_identity 2748 0xc051 0x0 0xff 0x1 0x10" << "" << 0;
@@ -58,27 +61,28 @@ private Q_SLOTS:
         QFETCH(QString, line);
         QFETCH(QString, answer);
         QFETCH(int, code);
-        RecordingCanAdapter adapter;
-        adapter.setOptionAnswer(AbstractCanAdapter::CiA309Gateway, true);
+        FakeGateway gw;
+        CiA309Adapter adapter(QStringLiteral("gw"));
+        gw.configure(adapter);
+        QVERIFY(adapter.open() == CAN::Ok && gw.waitForClient());
         CanScheduler scheduler(&adapter);
         LSSCiA309Service service(&scheduler);
         QSignalSpy results(&service, &LSSService::lssResult);
-        qint16 first = -1;
-        adapter.sendCiA309Request(QStringLiteral("r 1 0x1000 0 u32"), first); // numbers move on
-        adapter.clearWritten();
-        if (!answer.isEmpty()) {
-            QTimer::singleShot(20, &adapter, [&]() {
-                Q_EMIT adapter.newCiA309Response(QStringLiteral("[%1] OK").arg(first)); // an earlier request's
-                Q_EMIT adapter.newCiA309Response(answer.arg(first + 1));
-            });
-        }
+        const bool foreign = answer.startsWith('[');
+        gw.answerWith(foreign || answer.isEmpty() ? QString() : answer);
+        if (foreign)
+            QTimer::singleShot(50, &gw, [&]() { gw.send(answer.toLatin1() + "\r\n"); });
         QElapsedTimer t;
         t.start();
         QCOMPARE(int(request(service)), code);
-        QCOMPARE(adapter.requests(), line.isEmpty() ? QStringList{} : QStringList{line});
-        if (answer.contains("[99]"))
-            QVERIFY(t.elapsed() >= 900); // waited out the second
+        if (!line.isEmpty()) {
+            QVERIFY(gw.waitForLines(1));
+            QCOMPARE(gw.lines(), QStringList{"[0] " + line});
+        }
+        if (code == 5 && !line.isEmpty())
+            QVERIFY(t.elapsed() >= 900 || !answer.isEmpty()); // waited out the second when nothing fitted
         QCOMPARE(results.count(), 0);
+        adapter.close();
     }
 
     void noSchedulerAndLateAnswers()
@@ -87,16 +91,16 @@ private Q_SLOTS:
         QCOMPARE(alone.storeConfiguration(), CAN::Error);
         QCOMPARE(alone.inquireNodeId(), CAN::Error);
         // An answer after the time-out changes nothing for the next command.
-        RecordingCanAdapter adapter;
-        adapter.setOptionAnswer(AbstractCanAdapter::CiA309Gateway, true);
+        FakeGateway gw;
+        CiA309Adapter adapter(QStringLiteral("gw"));
+        gw.configure(adapter);
+        QVERIFY(adapter.open() == CAN::Ok && gw.waitForClient());
         CanScheduler scheduler(&adapter);
         LSSCiA309Service service(&scheduler);
-        QCOMPARE(service.storeConfiguration(), CAN::Error); // nobody answers sequence 0
-        QTimer::singleShot(20, &adapter, [&]() {
-            Q_EMIT adapter.newCiA309Response(QStringLiteral("[0] OK")); // late
-            Q_EMIT adapter.newCiA309Response(QStringLiteral("[1] OK"));
-        });
+        QCOMPARE(service.storeConfiguration(), CAN::Error); // nobody answers [0]
+        QTimer::singleShot(20, &gw, [&]() { gw.send("[0] OK\r\n[1] OK\r\n"); }); // [0] late
         QCOMPARE(service.storeConfiguration(), CAN::Ok);
+        adapter.close();
     }
 };
 
