@@ -109,6 +109,9 @@ private Q_SLOTS:
         QTest::newRow("unknown command stops the wait only") << 7 << QByteArray("29 55 00 01 18 10 00 00")
                                                              << QVariant() << -1 << true;
         QTest::newRow("too short") << 7 << QByteArray("29") << QVariant() << -1 << true;
+        QTest::newRow("abort of two bytes: code 0") << 7 << QByteArray("29 7f") << QVariant() << 0 << false;
+        QTest::newRow("routed answer while not routed: no outcome")
+            << 7 << QByteArray("29 a1 00 01 18 10 07 01 18 10 07 04 01 00 00 00") << QVariant() << -1 << true;
     }
     void answers()
     {
