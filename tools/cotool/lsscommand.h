@@ -33,8 +33,9 @@ public:
     void addOptions(QCommandLineParser& parser) override;
     int run(const QCommandLineParser& parser, const ToolOptions& options) override;
 
-    // Default scan step: an LSS slave on the virtual bus answers well within it.
-    static constexpr int DefaultStepMs = 5;
+    // Default scan step: an LSS slave on the virtual bus answers well within
+    // it, also on a busy machine (at 5 ms a loaded machine loses answers now and then).
+    static constexpr int DefaultStepMs = 10;
     static constexpr int DefaultAnswerMs = 1000;
 
 private:

@@ -36,7 +36,7 @@ bool LssStep::run(DemoContext& c)
                          "  configuration mode alone, takes a node-ID and stores it, and boots with it once\n"
                          "  switched back to waiting mode. Every outcome arrives through lssResult.\n"));
     M master(c.scheduler);
-    const quint16 stepMs = 5; // scan step: the virtual bus answers within microseconds
+    const quint16 stepMs = 10; // scan step: the virtual bus answers within it, also on a busy machine
     QList<Result> results;
     M::LssAction awaited = M::LssNoAction;
     QObject::connect(&master, &M::lssResult, &master, [&](M::LssAction a, M::LssResult r, QVariant v) {
