@@ -126,8 +126,8 @@ private Q_SLOTS:
         QFETCH(QByteArray, value);
         QFETCH(int, kind);
         SDOClient::mUseBlockTransfer = block;
-        if (usdo)
-            client->activateUSDO(true, 0x29);
+        if (usdo) // switched on by another client: this one's engine keeps its local node 0x29
+            SDOClient().activateUSDO(true, 0x33);
         const auto t = CAN::CANopenDataType(type);
         const bool sized = type == 9 || type == 10 || type == 15;
         const QVariant v = sized && write ? QVariant(value) : QVariant(4);
