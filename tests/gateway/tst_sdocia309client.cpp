@@ -2,23 +2,14 @@
 // lines, answer lines in this library's and in real gateways' forms, DOMAIN
 // steps, abort.
 #include "canopenmasterclass.h"
-#include "canscheduler.h"
-#include "recordingcanadapter.h"
 #include "sdocia309client.h"
+#include "sdoenginefixture.h"
 
-#include <QSignalSpy>
-#include <QtTest>
-
-class tst_SDOCiA309Client : public QObject
+class tst_SDOCiA309Client : public QObject, SdoEngineFixture<SDOCiA309Client>
 {
     Q_OBJECT
 
-    RecordingCanAdapter* adapter = nullptr;
-    CanScheduler* scheduler = nullptr;
-    SDOCiA309Client* client = nullptr;
-    QSignalSpy* results = nullptr;
-    QSignalSpy* errors = nullptr;
-    QSignalSpy* progress = nullptr;
+    SDOCiA309Client*& client = engine;
 
     // The answer text for the last request, "[n] " put in front of each line.
     void answer(const QStringList& lines)
@@ -34,23 +25,9 @@ private Q_SLOTS:
     void initTestCase() { CanopenMaster master; }
     void init()
     {
-        adapter = new RecordingCanAdapter;
-        adapter->setOptionAnswer(AbstractCanAdapter::CiA309Gateway, true);
-        scheduler = new CanScheduler(adapter);
-        client = new SDOCiA309Client(scheduler);
-        results = new QSignalSpy(client, &SDOCiA309Client::resultReceived);
-        errors = new QSignalSpy(client, &SDOCiA309Client::errorReceived);
-        progress = new QSignalSpy(client, &SDOCiA309Client::progress);
+        setUp([](CanScheduler* s) { return new SDOCiA309Client(s); }, true);
     }
-    void cleanup()
-    {
-        delete results;
-        delete errors;
-        delete progress;
-        delete client;
-        delete scheduler;
-        delete adapter;
-    }
+    void cleanup() { tearDown(); }
 
     void requestLines_data()
     {

@@ -1,18 +1,14 @@
 // SDOClient: which engine a request goes to, its return codes and signals,
 // routing, abort and the abort texts, against the recording adapter.
 #include "canopenmasterclass.h"
-#include "canscheduler.h"
-#include "recordingcanadapter.h"
-#include "scriptedresponder.h"
-#include "scriptedsdoserver.h"
 #include "sdoclient.h"
+#include "sdoenginefixture.h"
 
 #include <QLoggingCategory>
 #include <QSignalSpy>
 #include <QtTest>
 
 namespace {
-constexpr quint32 Rx = 0x585, Tx = 0x605;
 
 // The routing wait's debug line is checked even where the environment
 // switches debug output off.
@@ -43,15 +39,11 @@ const Setting kSettings[] = {
 };
 } // namespace
 
-class tst_SDOClient : public QObject
+class tst_SDOClient : public QObject, SdoEngineFixture<SDOClient>
 {
     Q_OBJECT
 
-    RecordingCanAdapter* adapter = nullptr;
-    CanScheduler* scheduler = nullptr;
-    SDOClient* client = nullptr;
-    QSignalSpy* results = nullptr;
-    QSignalSpy* errors = nullptr;
+    SDOClient*& client = engine;
     QSignalSpy* opErrors = nullptr;
 
     QList<int> opErrorCodes() const
@@ -67,23 +59,14 @@ private Q_SLOTS:
 
     void init()
     {
-        adapter = new RecordingCanAdapter;
-        scheduler = new CanScheduler(adapter);
-        scheduler->connectToAdapter(true);
-        client = new SDOClient(Rx, Tx, scheduler);
-        results = new QSignalSpy(client, &SDOClient::resultReceived);
-        errors = new QSignalSpy(client, &SDOClient::errorReceived);
+        setUp();
         opErrors = new QSignalSpy(client, &SDOClient::opError);
     }
 
     void cleanup()
     {
-        delete results;
-        delete errors;
         delete opErrors;
-        delete client;
-        delete scheduler;
-        delete adapter;
+        tearDown();
         SDOClient::mUseBlockTransfer = false;
         SDOClient::mRoutingActive = false;
         SDOClient::mRoutingNetwork = 0;

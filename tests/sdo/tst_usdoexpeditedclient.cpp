@@ -1,22 +1,14 @@
 // USDOExpeditedClient against the recording adapter: request layouts plain
 // and routed, answers, aborts, time-out, and the node-0 registrations.
 #include "canopenmasterclass.h"
-#include "canscheduler.h"
-#include "recordingcanadapter.h"
+#include "sdoenginefixture.h"
 #include "usdoexpeditedclient.h"
 
-#include <QSignalSpy>
-#include <QtTest>
-
-class tst_USDOExpeditedClient : public QObject
+class tst_USDOExpeditedClient : public QObject, SdoEngineFixture<USDOExpeditedClient>
 {
     Q_OBJECT
 
-    RecordingCanAdapter* adapter = nullptr;
-    CanScheduler* scheduler = nullptr;
-    USDOExpeditedClient* client = nullptr;
-    QSignalSpy* results = nullptr;
-    QSignalSpy* errors = nullptr;
+    USDOExpeditedClient*& client = engine;
 
     // Inject an answer from node 5 given as hex bytes (FD lengths allowed).
     void answer(const char* hex, quint32 id = 0x585)
@@ -28,21 +20,9 @@ private Q_SLOTS:
     void initTestCase() { CanopenMaster master; }
     void init()
     {
-        adapter = new RecordingCanAdapter;
-        scheduler = new CanScheduler(adapter);
-        scheduler->connectToAdapter(true);
-        client = new USDOExpeditedClient(41, 5, scheduler);
-        results = new QSignalSpy(client, &USDOExpeditedClient::resultReceived);
-        errors = new QSignalSpy(client, &USDOExpeditedClient::errorReceived);
+        setUp([](CanScheduler* s) { return new USDOExpeditedClient(41, 5, s); });
     }
-    void cleanup()
-    {
-        delete results;
-        delete errors;
-        delete client;
-        delete scheduler;
-        delete adapter;
-    }
+    void cleanup() { tearDown(); }
 
     void requestFrames_data()
     {

@@ -9,6 +9,7 @@
 
 #include <QSignalSpy>
 #include <QtTest>
+#include <functional>
 #include <type_traits>
 
 // 1, 2, 3, ... n as bytes: a value whose every byte tells where it belongs.
@@ -48,12 +49,14 @@ inline QByteArray abortHex(quint16 idx, quint8 sub, quint32 code)
     return "605:" + QByteArray(b, 8).toHex();
 }
 
-// Shared set-up of the SDO engine unit tests: a recording adapter, a
-// connected scheduler, the engine for node 5 (answers on 0x585, requests on
-// 0x605), spies on its outcome signals and a scripted SDO server that
-// answers the adapter's frames when the test lets the responder serve. A test class derives from it
-// next to QObject and calls setUp() in init() and tearDown() in cleanup();
-// tearDown() fails the test if Qt warned about thread misuse.
+// Shared set-up of the SDO client unit tests (engines, facade, USDO and
+// gateway clients): a recording adapter (a gateway if asked), a connected
+// scheduler, the client for node 5 (answers on 0x585, requests on 0x605, or
+// as `make` builds it), spies on its outcome signals and a scripted SDO
+// server that answers the adapter's frames when the test lets the responder
+// serve. A test class derives from it next to QObject and calls setUp() in
+// init() and tearDown() in cleanup(); tearDown() fails the test if Qt warned
+// about thread misuse.
 template<typename Engine>
 class SdoEngineFixture
 {
@@ -71,12 +74,17 @@ protected:
     ScriptedSdoServer server;
     ScriptedResponder* responder = nullptr;
 
-    void setUp()
+    void setUp(const std::function<Engine*(CanScheduler*)>& make = nullptr, bool gateway = false)
     {
         adapter = new RecordingCanAdapter;
+        if (gateway)
+            adapter->setOptionAnswer(AbstractCanAdapter::CiA309Gateway, true);
         scheduler = new CanScheduler(adapter);
         scheduler->connectToAdapter(true);
-        engine = new Engine(Rx, Tx, scheduler);
+        if constexpr (std::is_constructible_v<Engine, quint32, quint32, CanScheduler*>)
+            engine = make ? make(scheduler) : new Engine(Rx, Tx, scheduler);
+        else
+            engine = make(scheduler);
         server = ScriptedSdoServer();
         responder = new ScriptedResponder(adapter, Rx, [this](const CAN::CanMessage& m) { return server.answer(m); });
         results = new QSignalSpy(engine, &Engine::resultReceived);
