@@ -87,6 +87,39 @@ struct Device {
     }
 };
 
+// A private bus with simulated devices, a frame counter and the master's adapter and scheduler.
+struct Network {
+    const quint16 port = Bench::freeUdpPort();
+    Device device;
+    std::unique_ptr<FrameCounter> frames;
+    DemoCanAdapter bus{QStringLiteral("Talvik Virtual")};
+    std::unique_ptr<CanScheduler> scheduler;
+
+    bool start(const QStringList& deviceArgs)
+    {
+        if (!device.start(QStringList{QStringLiteral("--port"), QString::number(port), QStringLiteral("--heartbeat"),
+                                      QStringLiteral("0")} + deviceArgs))
+            return false;
+        frames.reset(new FrameCounter(port));
+        bus.setCanAdapterOption(AbstractCanAdapter::VirtualBusPort, port);
+        bus.open();
+        scheduler.reset(new CanScheduler(&bus));
+        scheduler->connectToAdapter(true);
+        return true;
+    }
+    // Frames seen so far, once the last ones have arrived.
+    long framesSeen()
+    {
+        QThread::msleep(50);
+        return frames->count();
+    }
+    ~Network()
+    {
+        scheduler.reset();
+        bus.close();
+    }
+};
+
 QList<int> numbers(const QString& text)
 {
     QList<int> out;
@@ -166,25 +199,15 @@ int main(int argc, char** argv)
     Bench::heading("fast scan: find, number and switch back every unconfigured device");
     for (int step : steps) {
         for (int n : deviceCounts) {
-            const quint16 port = Bench::freeUdpPort();
-            Device device;
-            if (!device.start({QStringLiteral("--port"), QString::number(port), QStringLiteral("--unconfigured"),
-                               QString::number(n), QStringLiteral("--heartbeat"), QStringLiteral("0")}))
+            Network net;
+            if (!net.start({QStringLiteral("--unconfigured"), QString::number(n)}))
                 return 1;
-            FrameCounter frames(port);
-            DemoCanAdapter bus(QStringLiteral("Talvik Virtual"));
-            bus.setCanAdapterOption(AbstractCanAdapter::VirtualBusPort, port);
-            bus.open();
-            CanScheduler scheduler(&bus);
-            scheduler.connectToAdapter(true);
-            M lss(&scheduler);
+            M lss(net.scheduler.get());
             QElapsedTimer t;
             t.start();
             const int found = fastScanAll(lss, step, n);
             const double s = double(t.nsecsElapsed()) / 1e9;
-            QThread::msleep(50); // the last frames arrive at the counter
-            const long f = frames.count();
-            bus.close();
+            const long f = net.framesSeen();
             failed = failed || found != n;
             Bench::figure(QStringLiteral("%1 device(s), step %2 ms: found %3, wall time").arg(n).arg(step).arg(found), s, "s", 2);
             Bench::figure(QStringLiteral("%1 device(s), step %2 ms: frames on the bus (per device %3)")
@@ -194,18 +217,10 @@ int main(int argc, char** argv)
 
     Bench::heading("classical scan: 3 devices in a range of 256 serial numbers, step 10 ms");
     {
-        const quint16 port = Bench::freeUdpPort();
-        Device device;
-        if (!device.start({QStringLiteral("--port"), QString::number(port), QStringLiteral("--unconfigured"),
-                           QStringLiteral("3"), QStringLiteral("--heartbeat"), QStringLiteral("0")}))
+        Network net;
+        if (!net.start({QStringLiteral("--unconfigured"), QStringLiteral("3")}))
             return 1;
-        FrameCounter frames(port);
-        DemoCanAdapter bus(QStringLiteral("Talvik Virtual"));
-        bus.setCanAdapterOption(AbstractCanAdapter::VirtualBusPort, port);
-        bus.open();
-        CanScheduler scheduler(&bus);
-        scheduler.connectToAdapter(true);
-        M lss(&scheduler);
+        M lss(net.scheduler.get());
         lss.setTimeout(10);
         int found = 0;
         bool end = false;
@@ -221,27 +236,17 @@ int main(int argc, char** argv)
         lss.classicalScan(0xABC, 0xC051, 0x10000, 0x10000, 0x5D000100, 0x5D0001FF);
         waitUntil([&] { return end; }, 120000);
         const double s = double(t.nsecsElapsed()) / 1e9;
-        QThread::msleep(50);
-        bus.close();
         failed = failed || found != 3;
         Bench::figure(QStringLiteral("found %1, wall time").arg(found), s, "s", 3);
-        Bench::figure(QStringLiteral("frames on the bus"), double(frames.count()), "frames");
+        Bench::figure(QStringLiteral("frames on the bus"), double(net.framesSeen()), "frames");
     }
 
     if (network > 0) {
         Bench::heading(qPrintable(QStringLiteral("full network: %1 devices, identity (1018h/1-4) and name (1008h) "
                                                  "read by %1 SDOClients at once").arg(network)));
-        const quint16 port = Bench::freeUdpPort();
-        Device device;
-        if (!device.start({QStringLiteral("--port"), QString::number(port), QStringLiteral("--nodes"),
-                           QStringLiteral("1-%1").arg(network), QStringLiteral("--heartbeat"), QStringLiteral("0")}))
+        Network net;
+        if (!net.start({QStringLiteral("--nodes"), QStringLiteral("1-%1").arg(network)}))
             return 1;
-        FrameCounter frames(port);
-        DemoCanAdapter bus(QStringLiteral("Talvik Virtual"));
-        bus.setCanAdapterOption(AbstractCanAdapter::VirtualBusPort, port);
-        bus.open();
-        CanScheduler scheduler(&bus);
-        scheduler.connectToAdapter(true);
         struct Reader {
             std::unique_ptr<SDOClient> client;
             int step = 0;
@@ -256,7 +261,7 @@ int main(int argc, char** argv)
         };
         for (int i = 0; i < network; ++i) {
             Reader& r = readers[size_t(i)];
-            r.client.reset(new SDOClient(0x581 + quint32(i), 0x601 + quint32(i), &scheduler));
+            r.client.reset(new SDOClient(0x581 + quint32(i), 0x601 + quint32(i), net.scheduler.get()));
             QObject::connect(r.client.get(), &SDOClient::resultReceived, r.client.get(), [&r, &done, &next](quint16, quint8, QVariant) {
                 if (++r.step == 5)
                     ++done;
@@ -268,22 +273,20 @@ int main(int argc, char** argv)
                 ++done;
             });
         }
-        const long before = frames.count();
+        const long before = net.frames->count();
         QElapsedTimer t;
         t.start();
         for (Reader& r : readers)
             next(r);
         waitUntil([&] { return done == network; }, 60000);
         const double s = double(t.nsecsElapsed()) / 1e9;
-        QThread::msleep(50);
         int failures = 0;
         for (const Reader& r : readers)
             failures += r.failed || r.step != 5;
         failed = failed || failures != 0;
         Bench::figure(QStringLiteral("wall time (aim: under 0.5 s)"), s, "s", 3);
-        Bench::figure(QStringLiteral("frames on the bus"), double(frames.count() - before), "frames");
+        Bench::figure(QStringLiteral("frames on the bus"), double(net.framesSeen() - before), "frames");
         Bench::figure(QStringLiteral("devices not read completely"), failures, "");
-        bus.close();
     }
     return failed ? 1 : 0;
 }
