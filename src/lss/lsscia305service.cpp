@@ -59,6 +59,9 @@ LSSCiA305Service::~LSSCiA305Service()
 
 void LSSCiA305Service::setCanScheduler(CanScheduler* scheduler)
 {
+    // Scans running on the old scheduler end with it, silently.
+    retire(fastScanEngine, this);
+    retire(classicalScanEngine, this);
     attachScheduler(scheduler, AnswerId, mAnswerSender);
 }
 
