@@ -52,6 +52,35 @@ private Q_SLOTS:
         QCOMPARE(mBus->frames.count(), 0); // nothing on CAN
     }
 
+    // cotool sdo through the gateway: the read line, the answer as a person
+    // reads it, or the abort code and text of an error line.
+    void sdoThroughAGateway_data()
+    {
+        QTest::addColumn<QString>("answer");
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QString>("printed"); // stdout, or the end of stderr
+        QTest::newRow("value") << "2748" << 0 << "node 5 1018h sub 01h: 2748 (0x00000abc)";
+        QTest::newRow("real gateway's error line") << "ERROR:0x06020000 #Object does not exist." << 1
+                                                   << "SDO abort 0x06020000: Object does not exist";
+    }
+    void sdoThroughAGateway()
+    {
+        QFETCH(QString, answer);
+        QFETCH(int, exitCode);
+        QFETCH(QString, printed);
+        FakeGateway gateway;
+        gateway.answerWith(answer);
+        mBus->frames.clear();
+        ToolProcess sdo(kCotool, {"sdo", "read", "5", "1018", "1", "u32", "--gateway", gateway.address()});
+        QCOMPARE(sdo.finish(10000), exitCode);
+        QVERIFY2(gateway.lines().contains(QStringLiteral("[1] 5 r 0x1018 1 u32")), qPrintable(gateway.lines().join('|')));
+        if (exitCode == 0)
+            QCOMPARE(sdo.out(), printed + '\n');
+        else
+            QVERIFY2(sdo.err().trimmed().endsWith(printed), qPrintable(sdo.err()));
+        QCOMPARE(mBus->frames.count(), 0); // nothing on CAN
+    }
+
     void emcyThroughAGateway()
     {
         FakeGateway gateway;

@@ -10,6 +10,7 @@
 #include "monitorcommand.h"
 #include "nmtcommand.h"
 #include "pdocommand.h"
+#include "sdocommand.h"
 #include "sendcommand.h"
 #include "synccommand.h"
 #include "signalwatcher.h"
@@ -34,6 +35,7 @@ std::vector<std::unique_ptr<Command>> makeCommands()
     commands.push_back(std::make_unique<SyncCommand>());
     commands.push_back(std::make_unique<EmcyCommand>());
     commands.push_back(std::make_unique<PdoCommand>());
+    commands.push_back(std::make_unique<SdoCommand>());
     commands.push_back(std::make_unique<LssCommand>());
     return commands;
 }
@@ -118,7 +120,18 @@ int main(int argc, char** argv)
     // Second pass: the whole line without the command name, against the
     // common options and the command's own.
     QStringList commandArgs = args.mid(0, args.size() - rest.size());
-    commandArgs += rest.mid(helpRequested ? 2 : 1);
+    // Negative numbers are values, not options ("sdo write 5 2000 3 i16 -300"):
+    // they go after "--", where everything is positional, so they must be a
+    // command's last positional arguments.
+    QStringList negatives;
+    for (const QString& a : rest.mid(helpRequested ? 2 : 1)) {
+        if (a.size() > 1 && a[0] == QLatin1Char('-') && (a[1].isDigit() || a[1] == QLatin1Char('.')))
+            negatives << a;
+        else
+            commandArgs << a;
+    }
+    if (!negatives.isEmpty())
+        commandArgs << QStringLiteral("--") << negatives;
     QCommandLineParser parser;
     parser.setApplicationDescription(command->summary());
     parser.addHelpOption();
