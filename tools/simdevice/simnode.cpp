@@ -7,6 +7,7 @@
 #include "simemcyproducer.h"
 #include "simnmtslave.h"
 #include "simtpdo.h"
+#include "usdoserver.h"
 
 #include <QFile>
 #include <QSaveFile>
@@ -93,6 +94,7 @@ SimNode::SimNode(const Config& config, AbstractCanAdapter* adapter, QObject* par
         mSdo->setBlockSize(config.sdoBlockSize);
         mSdo->setTimeout(config.sdoTimeoutMs);
         mSdo->setCrcSupported(config.sdoCrc);
+        mUsdo.reset(new UsdoServer(mDevice.get(), mOd.get()));
     }
     mNmt.reset(new SimNmtSlave(mDevice.get()));
     mEmcy.reset(new SimEmcyProducer(mDevice.get()));
@@ -104,6 +106,7 @@ SimNode::~SimNode()
 {
     if (mAdapter)
         disconnect(mAdapter, nullptr, this, nullptr);
+    mUsdo.reset(); // its handler goes before the device
 }
 
 quint8 SimNode::nodeId() const

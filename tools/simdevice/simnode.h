@@ -16,6 +16,7 @@ class SimDevice;
 class SimEmcyProducer;
 class SimNmtSlave;
 class SimTpdo;
+class UsdoServer;
 
 // One simulated device: the CANopen device with its object dictionary and
 // services, and its LSS slave. A device without node-ID (255) waits silently
@@ -74,6 +75,7 @@ private:
     std::unique_ptr<ObjectDictionary> mOd;
     std::unique_ptr<SimDevice> mDevice;
     SdoServer* mSdo = nullptr; // a child of the device
+    std::unique_ptr<UsdoServer> mUsdo;
     std::unique_ptr<SimNmtSlave> mNmt;
     std::unique_ptr<SimEmcyProducer> mEmcy;
     std::unique_ptr<SimTpdo> mTpdo;
