@@ -118,6 +118,9 @@ private Q_SLOTS:
         QCOMPARE(firstArguments(*progress), percent);
         QCOMPARE(option26(), (QVariantList{true, false}));
         QVERIFY(!engine->isBusy());
+        // The start request can also be sent on its own, as a slot.
+        engine->sendBlockInitiateEnd();
+        QCOMPARE(frameHex(adapter->lastWritten()), QByteArray("605:a300000000000000"));
     }
 };
 

@@ -131,6 +131,7 @@ private Q_SLOTS:
         QTest::newRow("other index") << false << Rx << QByteArray("60 01 20 01 01 00 00 00") << 0u;
         QTest::newRow("other COB-ID") << true << 0x586u << QByteArray("43 00 20 01 01 00 00 00") << 0u;
         QTest::newRow("neither answer nor abort") << true << Rx << QByteArray("20 00 20 01 01 00 00 00") << 0u;
+        QTest::newRow("neither answer nor abort, bit 0 set") << false << Rx << QByteArray("21 00 20 01 01 00 00 00") << 0u;
         QTest::newRow("abort for another entry") << true << Rx << QByteArray("80 00 21 01 00 00 04 05") << 0u;
     }
     void answersThatFail()
