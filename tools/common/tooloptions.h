@@ -7,7 +7,7 @@
 class AbstractCanAdapter;
 class QCommandLineParser;
 
-// The options every cotool command understands: which adapter to use, how
+// The options every tool command understands: which adapter to use, how
 // to reach the bus and -v (the library's debug messages too). Commands that can work through a CiA 309-3 gateway also
 // take --gateway host:port.
 class ToolOptions
