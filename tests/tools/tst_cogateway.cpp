@@ -4,6 +4,7 @@
 // half lines, clients that vanish mid-transfer while another one works.
 #include "canscheduler.h"
 #include "cia309adapter.h"
+#include "lssmaster.h"
 #include "sdoclient.h"
 #include "toolprocess.h"
 
@@ -117,6 +118,29 @@ private Q_SLOTS:
             QCOMPARE(gw.toString(), can.toString());
         }
         QCOMPARE(run(viaCan, false, 0x2002, 0, CAN::DOMAIN, {}).toByteArray(), domain);
+        adapter.close();
+    }
+
+    // LSS through the gateway: the library's gateway LSS service drives
+    // cogateway, which configures a device without node-ID by LSS over CAN.
+    void lssThroughTheGateway()
+    {
+        ToolProcess fresh(kCosim, {"--quiet", "--no-console", "--unconfigured", "1", "--heartbeat", "0"});
+        QVERIFY(fresh.waitUntilBound(mBus->port));
+        CiA309Adapter adapter(QStringLiteral("gw"));
+        adapter.setCanAdapterOption(AbstractCanAdapter::GatewayHost, QStringLiteral("127.0.0.1"));
+        adapter.setCanAdapterOption(AbstractCanAdapter::GatewayPort, mPort);
+        QCOMPARE(adapter.open(), CAN::Ok);
+        CanScheduler scheduler(&adapter);
+        LSSMaster lss(&scheduler);
+        // Selected by its identity: node 5 on the same bus stays in waiting mode.
+        QCOMPARE(lss.switchModeSelective(0xABC, 0xC051, 0x10000, 0x5D000101), CAN::Ok);
+        QCOMPARE(lss.configureNodeId(33), CAN::Ok);
+        QCOMPARE(lss.storeConfiguration(), CAN::Ok);
+        QCOMPARE(lss.configureNodeId(200), CAN::Error); // refused by the device
+        mBus->frames.clear();
+        QCOMPARE(lss.switchModeGlobal(LSSMaster::LssWaitingState), CAN::Ok);
+        QTRY_VERIFY_WITH_TIMEOUT(mBus->frames.find(0x721), 3000); // boots as node 33
         adapter.close();
     }
 
