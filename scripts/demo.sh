@@ -48,12 +48,16 @@ lssstore=$(mktemp -u)
 build/tools/simdevice/cosim --port "$port" --unconfigured 3 --lss-store "$lssstore" --heartbeat 1000 \
   --no-console --quiet >/dev/null &
 pids+=($!)
+# The gateway server, for the gateway step: CiA 309-3 lines on a free TCP port.
+gwport=$(python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
+build/tools/cogateway/cogateway --port "$port" --listen "$gwport" >/dev/null &
+pids+=($!)
 build/tools/cotool/cotool dump --port "$port" >"$tmpdump" &
 dump_pid=$!
 pids+=($dump_pid)
 
 status=0
-build/tools/demo/codemo --port "$port" --node "$node" \
+build/tools/demo/codemo --port "$port" --node "$node" --gateway-port "$gwport" \
   --device-console "$console" || status=$?
 
 kill -INT "$dump_pid" 2>/dev/null || true
@@ -74,4 +78,6 @@ echo "  build/tools/cotool/cotool sync --period 100ms"
 echo "  build/tools/cotool/cotool pdo 185 --map u16,i32"
 echo "  build/tools/cotool/cotool emcy      (then type 'emcy 8110 11' into cosim)"
 echo "  build/tools/simdevice/cosim --unconfigured 3   and   build/tools/cotool/cotool lss scan --start 10"
+echo "  build/tools/cotool/cotool sdo read 5 1018 1 u32      (--usdo, --block, -o file, write ... VALUE|@file)"
+echo "  build/tools/cogateway/cogateway --listen 5555   then: printf '[1] 5 r 0x1018 1 u32\\n' | nc -q1 127.0.0.1 5555"
 exit $status

@@ -21,6 +21,7 @@ public:
     int bootWaitMs = 5000;        // how long to wait for the first frame
     int heartbeatsToShow = 4;     // heartbeats after the boot-up
     QString deviceConsole;        // a pipe to the device's stdin console, if any
+    quint16 gatewayPort = 0;      // cogateway's TCP port on 127.0.0.1, 0: none
 
     AbstractCanAdapter* adapter = nullptr; // owned by the context once set
     CanScheduler* scheduler = nullptr;     // owned by the context once set

@@ -6,6 +6,7 @@
 #include "democanadapter.h"
 #include "democontext.h"
 #include "emcystep.h"
+#include "gatewaystep.h"
 #include "heartbeatstep.h"
 #include "lssstep.h"
 #include "nmtstep.h"
@@ -44,8 +45,11 @@ int main(int argc, char** argv)
                                   QStringLiteral("A named pipe to the device's stdin console (cosim commands such as "
                                                  "\"heartbeat 0\"); the supervision and EMCY steps need it."),
                                   QStringLiteral("path"));
+    QCommandLineOption gatewayOpt(QStringLiteral("gateway-port"),
+                                  QStringLiteral("TCP port of cogateway on 127.0.0.1 (the gateway step needs it)."),
+                                  QStringLiteral("port"));
     const QCommandLineOption verboseOpt = ToolLogging::verboseOption();
-    parser.addOptions({portOpt, nodeOpt, waitOpt, beatsOpt, consoleOpt, verboseOpt});
+    parser.addOptions({portOpt, nodeOpt, waitOpt, beatsOpt, consoleOpt, gatewayOpt, verboseOpt});
     parser.process(app);
     ToolLogging::install(parser.isSet(verboseOpt));
 
@@ -69,6 +73,14 @@ int main(int argc, char** argv)
     context.bootWaitMs = qMax(100, parser.value(waitOpt).toInt());
     context.heartbeatsToShow = qBound(1, parser.value(beatsOpt).toInt(), 100);
     context.deviceConsole = parser.value(consoleOpt);
+    if (parser.isSet(gatewayOpt)) {
+        const uint port = parser.value(gatewayOpt).toUInt(&ok);
+        if (!ok || port == 0 || port > 65535) {
+            qCritical("codemo: bad gateway port");
+            return 2;
+        }
+        context.gatewayPort = quint16(port);
+    }
 
     SignalWatcher* watcher = SignalWatcher::quitOnTermination(&app);
     QObject::connect(watcher, &SignalWatcher::signalReceived, []() { DemoContext::setInterrupted(); });
@@ -82,6 +94,7 @@ int main(int argc, char** argv)
     steps.push_back(std::make_unique<EmcyStep>());
     steps.push_back(std::make_unique<PdoStep>());
     steps.push_back(std::make_unique<SdoStep>());
+    steps.push_back(std::make_unique<GatewayStep>());
     steps.push_back(std::make_unique<LssStep>());
 
     context.say(QStringLiteral("CANopen master library demo\n"

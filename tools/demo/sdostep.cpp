@@ -139,5 +139,15 @@ bool SdoStep::run(DemoContext& c)
               .arg(downMs).arg(65536 / downMs).arg(upMs).arg(65536 / upMs)
               .arg(same ? QStringLiteral("byte-exact") : QStringLiteral("DIFFERENT")));
     r.write(0x2002, 0, CAN::DOMAIN, QByteArray()); // leave the domain empty again
-    return same;
+
+    // USDO: the same entry in one CAN FD request and one answer.
+    c.say(QString());
+    client.activateUSDO(true, 0x29); // process-wide: every client now uses USDO (CAN FD)
+    const bool usdo = r.read(0x1018, 1, CAN::UNSIGNED32);
+    client.activateUSDO(false, 0x29);
+    c.say(QStringLiteral("    %1  activateUSDO(true, 0x29), read %2 UNSIGNED32 = %3   [%4: request on 0x629,\n"
+                         "              destination node in the frame, answer on 0x%5]")
+              .arg(c.now(), entry(0x1018, 1), usdo ? hex(r.value.toUInt(), 8) : r.failure(), QStringLiteral("USDO"))
+              .arg(QString::number(rx, 16).toUpper()));
+    return same && usdo;
 }
