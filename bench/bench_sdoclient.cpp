@@ -6,8 +6,8 @@
 // directly and once through SDOClient, in alternating rounds so that both
 // meet the same load. Printed: round trip median and 99th percentile, or
 // bytes per second for the long transfers, and the facade's overhead.
-// Later phases: USDO expedited (CAN FD frames), and the same reads through a
-// CiA 309-3 gateway (cogateway) when the program is at hand.
+// Then USDO expedited (CAN FD frames) against classic expedited SDO, and the
+// same reads through a CiA 309-3 gateway (cogateway, a process of its own).
 //
 //   bench_sdoclient [--reads N] [--size BYTES] [--repeat R]
 //   (defaults: 4000 round trips per phase, 65536 bytes, 3 long transfers)
@@ -15,6 +15,7 @@
 
 #include "canopenmasterclass.h"
 #include "canscheduler.h"
+#include "cia309adapter.h"
 #include "democanadapter.h"
 #include "sdoblockclient.h"
 #include "sdoclient.h"
@@ -25,6 +26,7 @@
 #include <QEventLoop>
 #include <QLoggingCategory>
 #include <QProcess>
+#include <QTcpServer>
 #include <QTimer>
 
 #include <algorithm>
@@ -262,6 +264,71 @@ int main(int argc, char** argv)
         Bench::figure(QStringLiteral("engine"), size / 1024.0 / es, "KiB/s", 1);
         Bench::figure(QStringLiteral("SDOClient"), size / 1024.0 / fs, "KiB/s", 1);
         Bench::figure(QStringLiteral("facade overhead per transfer (median difference)"), (fs - es) * 1e3, "ms", 2);
+    }
+
+    // USDO (CAN FD, one request and one answer) against classic expedited SDO.
+    {
+        Series classic, usdo;
+        SDOClient usdoClient(rx, tx, &scheduler);
+        Outcomes uo;
+        uo.watch(&usdoClient);
+        const auto viaUsdo = [&] {
+            usdoClient.activateUSDO(true, 0x29); // process-wide switch
+            const double us = uo.once([&] { return usdoClient.read(0x1018, 1, CAN::UNSIGNED32); });
+            usdoClient.activateUSDO(false, 0x29);
+            return us;
+        };
+        if (!alternate(reads, [&] { return co.once([&] { return client.read(0x1018, 1, CAN::UNSIGNED32); }); },
+                       viaUsdo, classic, usdo))
+            return fail("USDO read", co.lastError | uo.lastError);
+        const double c50 = percentile(classic.us, 0.5), u50 = percentile(usdo.us, 0.5);
+        Bench::heading("SDOClient read 1018h/01: classic expedited SDO and USDO expedited");
+        Bench::figure(QStringLiteral("classic SDO: round trip median"), c50, "us", 1);
+        Bench::figure(QStringLiteral("USDO: round trip median"), u50, "us", 1);
+        Bench::figure(QStringLiteral("USDO: round trip 99%"), percentile(usdo.us, 0.99), "us", 1);
+    }
+
+    // The same device through cogateway: text lines over TCP, carried out
+    // on the bus by the gateway with this library.
+    {
+        QTcpServer probe;
+        probe.listen(QHostAddress::LocalHost, 0);
+        const quint16 gwPort = probe.serverPort();
+        probe.close();
+        QProcess gateway;
+        gateway.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        gateway.start(QStringLiteral(COGATEWAY_PATH),
+                      {QStringLiteral("--port"), QString::number(port), QStringLiteral("--listen"), QString::number(gwPort)});
+        gateway.waitForReadyRead(10000); // "listening on ..."
+        CiA309Adapter gw(QStringLiteral("cogateway"));
+        gw.setCanAdapterOption(AbstractCanAdapter::GatewayHost, QStringLiteral("127.0.0.1"));
+        gw.setCanAdapterOption(AbstractCanAdapter::GatewayPort, gwPort);
+        if (gw.open() != CAN::Ok)
+            return fail("connecting to cogateway", 0);
+        CanScheduler gwScheduler(&gw);
+        SDOClient viaGateway(rx, tx, &gwScheduler);
+        Outcomes go;
+        go.watch(&viaGateway);
+        Series can, text;
+        if (!alternate(reads / 2, [&] { return co.once([&] { return client.read(0x1018, 1, CAN::UNSIGNED32); }); },
+                       [&] { return go.once([&] { return viaGateway.read(0x1018, 1, CAN::UNSIGNED32); }); }, can, text))
+            return fail("read through cogateway", co.lastError | go.lastError);
+        Bench::heading("SDOClient read 1018h/01: over CAN and through cogateway");
+        Bench::figure(QStringLiteral("over CAN: round trip median"), percentile(can.us, 0.5), "us", 1);
+        Bench::figure(QStringLiteral("through cogateway: round trip median"), percentile(text.us, 0.5), "us", 1);
+        Bench::figure(QStringLiteral("through cogateway: round trip 99%"), percentile(text.us, 0.99), "us", 1);
+        // A domain: one base64 line from the gateway, which reads it by segmented SDO.
+        Series dom;
+        for (int r = 0; r < repeat; ++r) {
+            dom.add(go.once([&] { return viaGateway.read(0x2002, 0, CAN::DOMAIN); }, 60000));
+            if (dom.failed || go.value.toByteArray() != value)
+                return fail("domain through cogateway", go.lastError);
+        }
+        Bench::figure(QStringLiteral("through cogateway: %1-byte domain upload").arg(size),
+                      size / 1024.0 / (percentile(dom.us, 0.5) / 1e6), "KiB/s", 1);
+        gw.close();
+        gateway.terminate();
+        gateway.waitForFinished(5000);
     }
 
     bus.close();
