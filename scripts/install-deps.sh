@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the project needs, if any is missing.
 set -euo pipefail
-packages=(cmake ninja-build g++ pkg-config qtbase5-dev libqt5serialport5-dev socat python3 procps)
+packages=(cmake ninja-build g++ pkg-config qtbase5-dev libqt5serialport5-dev libqt5serialbus5-dev
+  libqt5serialbus5-plugins socat python3 procps)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

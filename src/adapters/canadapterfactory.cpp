@@ -1,6 +1,11 @@
 #include "canadapterfactory.h"
 #include "cia309adapter.h"
 #include "democanadapter.h"
+#include "emscpccanadapter.h"
+#include "jmpcanadapter.h"
+#include "kvasercanadapter.h"
+#include "pcanadvancedadapter.h"
+#include "vcicanadapter.h"
 
 
 namespace {
@@ -18,11 +23,6 @@ BitrateList rates(std::initializer_list<quint32> kbits, bool megaStyle)
     }
     return list;
 }
-
-// The driver-library backends are not part of this build: until one exists
-// its per-interface FD query has no channel information and answers false.
-bool kvaserIsFd(const QString&) { return false; }
-bool pcanNetIsFd(quint8) { return false; }
 } // namespace
 
 AbstractCanAdapter* CanAdapterFactory::createCanAdapter(CanAdapterType type, QString interfaceName)
@@ -32,6 +32,17 @@ AbstractCanAdapter* CanAdapterFactory::createCanAdapter(CanAdapterType type, QSt
         return new DemoCanAdapter(interfaceName, nullptr);
     case CiA309:
         return new CiA309Adapter(interfaceName, nullptr); // the name is not used
+    // The makers' interfaces on Linux: SocketCAN through QtSerialBus.
+    case EmsCpc:
+        return new EmsCpcCanAdapter(interfaceName, nullptr);
+    case Kvaser:
+        return new KvaserCanAdapter(interfaceName, nullptr);
+    case Janz:
+        return new JmpCanAdapter(interfaceName, nullptr);
+    case PcanAdvanced:
+        return new PCANAdvancedAdapter(interfaceName, nullptr);
+    case IxxatVci:
+        return new VciCanAdapter(interfaceName, nullptr);
     default:
         return nullptr; // no class behind this type in this build
     }
@@ -62,6 +73,16 @@ QStringList CanAdapterFactory::getInterfaceList(CanAdapterType type)
         return DemoCanAdapter::getInterfaceList();
     case CiA309:
         return CiA309Adapter::getInterfaceList();
+    case EmsCpc:
+        return EmsCpcCanAdapter::getInterfaceList();
+    case Kvaser:
+        return KvaserCanAdapter::getInterfaceList();
+    case Janz:
+        return JmpCanAdapter::getInterfaceList();
+    case PcanAdvanced:
+        return PCANAdvancedAdapter::getInterfaceList();
+    case IxxatVci:
+        return VciCanAdapter::getInterfaceList();
     default:
         return {};
     }
@@ -165,9 +186,9 @@ bool CanAdapterFactory::isInterfaceFd(CanAdapterType type, QString interfaceName
     case IxxatVci:
         return interfaceName.contains(QLatin1String("CAN-FD"), Qt::CaseSensitive);
     case Kvaser:
-        return kvaserIsFd(interfaceName);
+        return KvaserCanAdapter::isInterfaceFd(interfaceName);
     case PcanAdvanced:
-        return pcanNetIsFd(pcanNetFromInterfaceName(interfaceName));
+        return PCANAdvancedAdapter::isNetFd(pcanNetFromInterfaceName(interfaceName));
     default:
         return false;
     }

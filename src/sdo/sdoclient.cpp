@@ -469,33 +469,24 @@ void SDOClient::sendRoutingError()
 
 CAN::RetType SDOClient::abort(quint32 abortCode)
 {
-    switch (transferKind) {
-    case KindExpedited:
-        if (!expeditedClient)
-            return CAN::Ok;
+    // The engine of the running transfer aborts it; without that engine
+    // nothing happens and the answer is still 0.
+    SDOExpeditedClient* sdo = transferKind == KindExpedited   ? expeditedClient.data()
+                              : transferKind == KindSegmented ? static_cast<SDOExpeditedClient*>(segmentedClient.data())
+                              : transferKind == KindBlock     ? static_cast<SDOExpeditedClient*>(blockClient.data())
+                                                              : nullptr;
+    if (sdo) {
         busy = false;
-        return expeditedClient->abort(abortCode), CAN::Ok;
-    case KindSegmented:
-        if (!segmentedClient)
-            return CAN::Ok;
+        sdo->abort(abortCode);
+    } else if (transferKind == KindUsdoExpedited && usdoExpeditedClient) {
         busy = false;
-        return segmentedClient->abort(abortCode), CAN::Ok;
-    case KindBlock:
-        if (!blockClient)
-            return CAN::Ok;
-        busy = false;
-        return blockClient->abort(abortCode), CAN::Ok;
-    case KindUsdoExpedited:
-        if (!usdoExpeditedClient)
-            return CAN::Ok;
-        busy = false;
-        return usdoExpeditedClient->abort(abortCode), CAN::Ok;
-    case KindGateway:
+        usdoExpeditedClient->abort(abortCode);
+    } else if (transferKind == KindGateway) {
         busy = false;
         return gatewayClient ? gatewayClient->abort(abortCode) : CAN::NotSupported;
-    default: // none, routing, or a USDO engine this build lacks
-        return CAN::Ok;
     }
+    // none, routing, or a USDO engine this build lacks: 0 all the same
+    return CAN::Ok;
 }
 
 QByteArray SDOClient::getCurrentlyReceivedData() const

@@ -1,6 +1,9 @@
 #include "canadapterfactory.h"
 #include "democanadapter.h"
+#include "pcanadvancedadapter.h"
+#include "socketcaninterfaces.h"
 
+#include <QTemporaryDir>
 #include <QtTest>
 
 using F = CanAdapterFactory;
@@ -9,7 +12,8 @@ class tst_CanAdapterFactory : public QObject
 {
     Q_OBJECT
 private Q_SLOTS:
-    // Only the virtual bus (6) and the gateway (20) have a class in this build.
+    // The virtual bus (6), the gateway (20) and the makers' SocketCAN adapters
+    // (5, 9, 11, 16, 17) have a class in this build.
     void createsOnlyTypesWithAClass()
     {
         QList<int> created;
@@ -22,7 +26,7 @@ private Q_SLOTS:
             if (t == F::Virtual)
                 QVERIFY(qobject_cast<DemoCanAdapter*>(a.data()));
         }
-        QCOMPARE(created, QList<int>({6, 20}));
+        QCOMPARE(created, QList<int>({5, 6, 9, 11, 16, 17, 20}));
         QList<int> types;
         for (const auto& p : F::getImplementedAdapters())
             types << int(p.second);
@@ -121,6 +125,49 @@ private Q_SLOTS:
         QFETCH(bool, lowSpeed);
         QCOMPARE(F::isInterfaceFd(F::CanAdapterType(type), name), fd);
         QCOMPARE(F::isInterfaceLowSpeed(F::CanAdapterType(type), name), lowSpeed);
+    }
+
+    // The makers' interfaces come from sysfs, by kernel driver; FD from the MTU.
+    void makersInterfacesFromSysfs()
+    {
+        QTemporaryDir sys;
+        const auto netif = [&](const char* name, int type, int mtu, int index, const char* driver) {
+            const QString dir = sys.filePath(QStringLiteral("class/net/") + name);
+            QDir().mkpath(dir + "/device");
+            const auto put = [&](const char* file, int v) {
+                QFile f(dir + '/' + file);
+                f.open(QIODevice::WriteOnly);
+                f.write(QByteArray::number(v) + '\n');
+            };
+            put("type", type);
+            put("mtu", mtu);
+            put("ifindex", index);
+            if (driver) {
+                const QString target = sys.filePath(QStringLiteral("bus/drivers/") + driver);
+                QDir().mkpath(target);
+                QFile::link(target, dir + "/device/driver");
+            }
+        };
+        netif("can0", 280, 72, 3, "kvaser_usb");
+        netif("can1", 280, 16, 4, "peak_usb");
+        netif("can2", 280, 72, 5, "ixxat_usb");
+        netif("can3", 280, 16, 6, "gs_usb");
+        netif("eth0", 1, 1500, 2, "e1000");
+        SocketCanInterfaces::setRoot(sys.path());
+        QCOMPARE(F::getInterfaceList(F::Kvaser), QStringList{"can0"});
+        QCOMPARE(F::getInterfaceList(F::PcanAdvanced), QStringList{"can1 net 4"});
+        QCOMPARE(F::getInterfaceList(F::IxxatVci), QStringList{"can2 CAN-FD"});
+        QCOMPARE(F::getInterfaceList(F::EmsCpc), QStringList{});
+        QCOMPARE(SocketCanInterfaces::all().size(), 4); // gs_usb too, eth0 not
+        QVERIFY(F::isInterfaceFd(F::Kvaser, "can0"));
+        QVERIFY(!F::isInterfaceFd(F::PcanAdvanced, "can1 net 4"));
+        QVERIFY(F::isInterfaceFd(F::IxxatVci, "can2 CAN-FD"));
+        QScopedPointer<AbstractCanAdapter> a(F::createCanAdapter(F::PcanAdvanced, "can1 net 4"));
+        auto* pcan = qobject_cast<PCANAdvancedAdapter*>(a.data());
+        QVERIFY(pcan);
+        QCOMPARE(pcan->plugin(), QString("socketcan"));
+        QCOMPARE(pcan->interfaceName(), QString("can1"));
+        SocketCanInterfaces::setRoot(QString());
     }
 
     void pcanNetNumber_data()

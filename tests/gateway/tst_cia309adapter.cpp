@@ -87,7 +87,7 @@ private Q_SLOTS:
         QCOMPARE(a.sendCiA309Command(QStringLiteral("0 stop")), CAN::Ok);
 
         QStringList expected;
-        for (const QString& request : {"5 preop", "5 r 0x1018 1 u32", "0 start", "0 stop"})
+        for (const char* request : {"5 preop", "5 r 0x1018 1 u32", "0 start", "0 stop"})
             expected << QStringLiteral("[%1] %2\n").arg(number(expected.size()), request);
         QVERIFY(gw.waitForLines(4));
         QCOMPARE(QString::fromUtf8(gw.received()), expected.join(QString()));

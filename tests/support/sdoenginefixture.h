@@ -81,7 +81,7 @@ protected:
             adapter->setOptionAnswer(AbstractCanAdapter::CiA309Gateway, true);
         scheduler = new CanScheduler(adapter);
         scheduler->connectToAdapter(true);
-        if constexpr (std::is_constructible_v<Engine, quint32, quint32, CanScheduler*>)
+        if constexpr (NodeConstructible<Engine>::value)
             engine = make ? make(scheduler) : new Engine(Rx, Tx, scheduler);
         else
             engine = make(scheduler);
@@ -112,6 +112,12 @@ protected:
     bool ended() const { return results->count() + errors->count() > 0; }
 
 private:
+    // Built from (rx COB-ID, tx COB-ID, scheduler) without narrowing.
+    template<typename T, typename = void>
+    struct NodeConstructible : std::false_type {};
+    template<typename T>
+    struct NodeConstructible<T, std::void_t<decltype(new T{std::declval<quint32>(), std::declval<quint32>(),
+                                                            std::declval<CanScheduler*>()})>> : std::true_type {};
     template<typename T, typename = void>
     struct HasProgress : std::false_type {};
     template<typename T>

@@ -8,6 +8,7 @@ if(CANOPEN_BUILD_TOOLS)
   canopen_add_test(tools tst_cotool)
   target_compile_definitions(tst_cotool PRIVATE COTOOL_PATH="$<TARGET_FILE:cotool>")
   add_dependencies(tst_cotool cotool)
+  set_tests_properties(tools/tst_cotool PROPERTIES RESOURCE_LOCK virtualcan) # one machine-wide bus
   canopen_add_test(tools tst_cotoolnet)
   target_compile_definitions(tst_cotoolnet PRIVATE COTOOL_PATH="$<TARGET_FILE:cotool>" COSIM_PATH="$<TARGET_FILE:cosim>")
   add_dependencies(tst_cotoolnet cotool cosim)

@@ -124,6 +124,24 @@ private Q_SLOTS:
 
     // The library's debug lines (here of a refused gateway connection) only
     // with -v; the tool's own message always.
+    // A CAN plugin as adapter: dump and send on QtSerialBus's virtualcan
+    // (its bus is one TCP port for the machine: CTest runs its users one at a time).
+    void pluginAsAdapter()
+    {
+        ToolProcess dump(kCotool, {"dump", "-a", "virtualcan", "-i", "can1", "--count", "2", "--duration", "10000"});
+        QTest::qWait(500); // its device connects (and starts the plugin's bus)
+        const ToolProcess::Result send = ToolProcess::run(kCotool, {"send", "-a", "virtualcan", "-i", "can1", "123#11", "12345678#2233"});
+        QVERIFY2(send.exitCode == 0, qPrintable(send.err));
+        QCOMPARE(dump.finish(10000), 0);
+        QStringList frames = dump.outLines();
+        for (QString& line : frames)
+            line = line.section(')', 1); // after the time stamp
+        QCOMPARE(frames, (QStringList{"  123                   [1]  11", "  12345678  EXT         [2]  22 33"}));
+        const ToolProcess::Result bad = ToolProcess::run(kCotool, {"send", "-a", "socketcan", "-i", "nosuchcan7", "123#11"});
+        QCOMPARE(bad.exitCode, 1);
+        QVERIFY2(bad.err.contains("could not open socketcan nosuchcan7"), qPrintable(bad.err));
+    }
+
     void libraryDebugOnlyWhenVerbose()
     {
         for (bool verbose : {false, true}) {

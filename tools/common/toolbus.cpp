@@ -33,7 +33,7 @@ bool ToolBus::open(const ToolOptions& options, QString* error)
         *error = options.hasGateway()
                      ? QStringLiteral("could not connect to the gateway at %1:%2 (error %3)")
                            .arg(options.gatewayHost()).arg(options.gatewayPort()).arg(int(opened))
-                     : QStringLiteral("could not open the adapter (error %1)").arg(int(opened));
+                     : ToolOptions::openError(mAdapter.get(), int(opened));
         return false;
     }
     mOpen = true;

@@ -11,6 +11,11 @@ void filter(QtMsgType type, const QMessageLogContext& context, const QString& me
 {
     if ((type == QtDebugMsg || type == QtInfoMsg) && !gVerbose.load(std::memory_order_relaxed))
         return;
+    // Qt's CAN plugins warn about vendor libraries they cannot load while
+    // merely listing interfaces; the tools report what matters themselves.
+    if (type == QtWarningMsg && context.category && qstrncmp(context.category, "qt.canbus", 9) == 0
+        && !gVerbose.load(std::memory_order_relaxed))
+        return;
     gPrevious(type, context, message);
 }
 } // namespace

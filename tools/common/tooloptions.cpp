@@ -3,13 +3,16 @@
 #include "abstractcanadapter.h"
 #include "canadapterfactory.h"
 #include "democanadapter.h"
+#include "serialbuscanadapter.h"
 #include "toollogging.h"
 
 #include <QCommandLineParser>
 
 ToolOptions::ToolOptions()
     : mAdapterOption({QStringLiteral("a"), QStringLiteral("adapter")},
-                     QStringLiteral("Adapter type number (default 6, the virtual bus)."), QStringLiteral("type"))
+                     QStringLiteral("Adapter type number (default 6, the virtual bus), or a QtSerialBus plugin "
+                                    "(socketcan, peakcan, virtualcan, ...; see cotool adapters)."),
+                     QStringLiteral("type"))
     , mInterfaceOption({QStringLiteral("i"), QStringLiteral("interface")},
                        QStringLiteral("Interface name (default: the adapter type's first interface)."), QStringLiteral("name"))
     , mBitrateOption({QStringLiteral("b"), QStringLiteral("bitrate")},
@@ -52,10 +55,16 @@ bool ToolOptions::read(const QCommandLineParser& parser, QString* error)
         mAdapterType = GatewayAdapterType;
     }
     if (parser.isSet(mAdapterOption)) {
-        const uint type = parser.value(mAdapterOption).toUInt(&ok);
-        if (!ok || type > 255)
-            return bad(QStringLiteral("--adapter wants an adapter type number, got '%1'").arg(parser.value(mAdapterOption)));
-        mAdapterType = int(type);
+        const QString value = parser.value(mAdapterOption);
+        const uint type = value.toUInt(&ok);
+        if (!ok && SerialBusCanAdapter::plugins().contains(value)) {
+            mPlugin = value;
+        } else if (!ok || type > 255) {
+            return bad(QStringLiteral("--adapter wants an adapter type number or a CAN plugin (%1), got '%2'")
+                           .arg(SerialBusCanAdapter::plugins().join(QStringLiteral(", ")), value));
+        } else {
+            mAdapterType = int(type);
+        }
     }
     if (parser.isSet(mBitrateOption)) {
         const uint kbit = parser.value(mBitrateOption).toUInt(&ok);
@@ -71,7 +80,12 @@ bool ToolOptions::read(const QCommandLineParser& parser, QString* error)
     }
     ToolLogging::install(parser.isSet(QStringLiteral("verbose")));
     mInterfaceName = parser.value(mInterfaceOption);
-    if (mInterfaceName.isEmpty()) {
+    if (mInterfaceName.isEmpty() && !mPlugin.isEmpty()) {
+        const QStringList names = SerialBusCanAdapter::interfaces(mPlugin);
+        if (names.isEmpty())
+            return bad(QStringLiteral("plugin %1 sees no interface: give one with -i").arg(mPlugin));
+        mInterfaceName = names.first();
+    } else if (mInterfaceName.isEmpty()) {
         const QStringList names = CanAdapterFactory::getInterfaceList(CanAdapterFactory::CanAdapterType(mAdapterType));
         if (!names.isEmpty())
             mInterfaceName = names.first();
@@ -82,7 +96,9 @@ bool ToolOptions::read(const QCommandLineParser& parser, QString* error)
 AbstractCanAdapter* ToolOptions::createAdapter(QString* error) const
 {
     AbstractCanAdapter* adapter =
-        CanAdapterFactory::createCanAdapter(CanAdapterFactory::CanAdapterType(mAdapterType), mInterfaceName);
+        !mPlugin.isEmpty() && !hasGateway()
+            ? new SerialBusCanAdapter(mPlugin, mInterfaceName)
+            : CanAdapterFactory::createCanAdapter(CanAdapterFactory::CanAdapterType(mAdapterType), mInterfaceName);
     if (!adapter) {
         *error = QStringLiteral("adapter type %1 is not available in this build").arg(mAdapterType);
         return nullptr;
@@ -101,5 +117,14 @@ QString ToolOptions::describe(AbstractCanAdapter* adapter)
 {
     if (auto* virtualBus = qobject_cast<DemoCanAdapter*>(adapter))
         return QStringLiteral("virtual bus on UDP port %1").arg(virtualBus->busPort());
+    if (auto* serialBus = qobject_cast<SerialBusCanAdapter*>(adapter))
+        return QStringLiteral("%1 interface %2").arg(serialBus->plugin(), serialBus->interfaceName());
     return QStringLiteral("adapter %1").arg(QString::fromLatin1(adapter->metaObject()->className()));
+}
+
+QString ToolOptions::openError(AbstractCanAdapter* adapter, int code)
+{
+    if (auto* serialBus = qobject_cast<SerialBusCanAdapter*>(adapter))
+        return QStringLiteral("could not open %1").arg(serialBus->errorString());
+    return QStringLiteral("could not open the adapter (error %1)").arg(code);
 }

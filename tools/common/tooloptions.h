@@ -27,6 +27,8 @@ public:
     bool read(const QCommandLineParser& parser, QString* error);
 
     int adapterType() const { return mAdapterType; }
+    // A QtSerialBus plugin given as adapter ("socketcan", "virtualcan", ...); empty for a type number.
+    QString plugin() const { return mPlugin; }
     QString interfaceName() const { return mInterfaceName; }
     quint16 bitrate() const { return mBitrate; }
     quint16 busPort() const { return mBusPort; } // 0: the adapter's default
@@ -39,6 +41,8 @@ public:
     AbstractCanAdapter* createAdapter(QString* error) const;
     // A short description for messages, e.g. "virtual bus on UDP port 45674".
     static QString describe(AbstractCanAdapter* adapter);
+    // Why open() failed, for the message of a tool.
+    static QString openError(AbstractCanAdapter* adapter, int code);
 
 private:
     QCommandLineOption mAdapterOption;
@@ -48,6 +52,7 @@ private:
     QCommandLineOption mGatewayOption;
 
     int mAdapterType = DefaultAdapterType;
+    QString mPlugin;
     QString mInterfaceName;
     quint16 mBitrate = DefaultBitrate;
     quint16 mBusPort = 0;

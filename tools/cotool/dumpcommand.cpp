@@ -74,7 +74,7 @@ int DumpCommand::run(const QCommandLineParser& parser, const ToolOptions& option
 
     const CAN::RetType opened = adapter->open();
     if (opened != CAN::Ok)
-        return failure(QStringLiteral("could not open the adapter (error %1)").arg(int(opened)));
+        return failure(ToolOptions::openError(adapter.get(), int(opened)));
     if (::isatty(STDERR_FILENO))
         note(QStringLiteral("listening on the %1 (Ctrl-C to stop)").arg(ToolOptions::describe(adapter.get())));
 

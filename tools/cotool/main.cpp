@@ -3,6 +3,7 @@
 // Common options (adapter, interface, bit rate, virtual bus port, gateway)
 // are accepted before or after the command name.
 #include "canopenmasterclass.h"
+#include "adapterscommand.h"
 #include "command.h"
 #include "dumpcommand.h"
 #include "emcycommand.h"
@@ -37,6 +38,7 @@ std::vector<std::unique_ptr<Command>> makeCommands()
     commands.push_back(std::make_unique<PdoCommand>());
     commands.push_back(std::make_unique<SdoCommand>());
     commands.push_back(std::make_unique<LssCommand>());
+    commands.push_back(std::make_unique<AdaptersCommand>());
     return commands;
 }
 

@@ -53,7 +53,7 @@ int SendCommand::run(const QCommandLineParser& parser, const ToolOptions& option
         return failure(error);
     const CAN::RetType opened = adapter->open();
     if (opened != CAN::Ok)
-        return failure(QStringLiteral("could not open the adapter (error %1)").arg(int(opened)));
+        return failure(ToolOptions::openError(adapter.get(), int(opened)));
 
     int result = Success;
     for (int i = 0; i < frames.size(); ++i) {
