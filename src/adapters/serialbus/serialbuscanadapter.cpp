@@ -117,6 +117,7 @@ CAN::RetType SerialBusCanAdapter::open()
     guard.unlock();
     if (!ok) {
         wait(); // the thread has ended: nothing stays half-open
+        tsanAcquire(this); // its end, seen through QThread::wait()
         return CAN::Error;
     }
     return CAN::Ok;

@@ -68,18 +68,19 @@ protected:
 // pass `b` by.
 bool settle(AbstractCanAdapter& a, AbstractCanAdapter& b)
 {
-    bool seen = false;
+    // Shared, not on this stack: a probe may still be reported after we return.
+    const auto seen = std::make_shared<std::atomic<bool>>(false);
     QObject context;
-    QObject::connect(&b, &AbstractCanAdapter::newCanMessage, &context, [&seen](CAN::CanRxMessage*) { seen = true; },
+    QObject::connect(&b, &AbstractCanAdapter::newCanMessage, &context, [seen](CAN::CanRxMessage*) { seen->store(true); },
                      Qt::DirectConnection);
-    for (int i = 0; i < 100 && !seen; ++i) {
+    for (int i = 0; i < 100 && !seen->load(); ++i) {
         CAN::CanMessage probe;
         probe.id = 0x7FF;
         a.write(&probe);
         QTest::qWait(20);
     }
     QTest::qWait(20); // later probes still on their way
-    return seen;
+    return seen->load();
 }
 
 CAN::CanMessage frame(quint32 id, const QByteArray& data, bool extended = false, bool fd = false, bool brs = false)
