@@ -1,5 +1,6 @@
 #include "lsscia305service.h"
 
+#include "deletelater.h"
 #include "lssclassicalscan.h"
 #include "lssfastscan.h"
 
@@ -20,12 +21,9 @@ constexpr quint8 NonConfiguredAnswer = 0x50;
 constexpr quint8 InquireNodeId = 0x5E;
 constexpr quint32 EndMark = 0xFFFFFFFF;
 
-// Scan engines are released later, from the event loop: a replaced engine may
-// still be on the call stack (a new scan started from a result handler).
-struct DeleteLater {
-    void operator()(QObject* o) const { o->deleteLater(); }
-};
-
+// Ends a scan engine's part: no more reports to the service, no more frames.
+// The object itself goes from the event loop (DeleteLater): it may still be on
+// the call stack, a new scan being started from one of its result handlers.
 template <typename Engine>
 void retire(std::shared_ptr<Engine>& engine, QObject* service)
 {

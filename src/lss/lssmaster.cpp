@@ -1,17 +1,12 @@
 #include "lssmaster.h"
 
 #include "abstractcanadapter.h"
+#include "deletelater.h"
 #include "lsscia305service.h"
 #include "lsscia309service.h"
 #include "lssservice.h"
 
 namespace {
-// A replaced service is released from the event loop: the request that
-// replaced it may come from inside one of its own signals.
-struct DeleteLater {
-    void operator()(QObject* o) const { o->deleteLater(); }
-};
-
 // The time-out every newly picked service starts with (it replaces whatever
 // was set before; applications rely on this value).
 constexpr quint16 ServiceTimeoutMs = 1234;

@@ -255,7 +255,7 @@ CAN::RetType SDOClient::failedStart(quint16 idx, quint8 sub, CAN::RetType code)
     return code;
 }
 
-CAN::RetType SDOClient::read(quint16 idx, quint8 sub, CAN::CANopenDataType type)
+CAN::RetType SDOClient::beginRequest(quint16 idx, quint8 sub)
 {
     if (busy) {
         Q_EMIT opError(idx, sub, CAN::Busy);
@@ -264,9 +264,14 @@ CAN::RetType SDOClient::read(quint16 idx, quint8 sub, CAN::CANopenDataType type)
     busy = true;
     index = idx;
     subIndex = sub;
-    const CAN::RetType routed = routeRequest(idx, sub);
-    if (routed != CAN::Ok)
-        return routed;
+    return routeRequest(idx, sub);
+}
+
+CAN::RetType SDOClient::read(quint16 idx, quint8 sub, CAN::CANopenDataType type)
+{
+    const CAN::RetType begun = beginRequest(idx, sub);
+    if (begun != CAN::Ok)
+        return begun;
     // With a routing indication done, a refused kind still reports 0.
     const CAN::RetType none = transferKind == KindRouting ? CAN::Ok : CAN::NotSupported;
 
@@ -322,16 +327,9 @@ CAN::RetType SDOClient::startEngineRead(quint32 kind, quint16 idx, quint8 sub, C
 
 CAN::RetType SDOClient::write(quint16 idx, quint8 sub, CAN::CANopenDataType type, QVariant value)
 {
-    if (busy) {
-        Q_EMIT opError(idx, sub, CAN::Busy);
-        return CAN::Busy;
-    }
-    busy = true;
-    index = idx;
-    subIndex = sub;
-    const CAN::RetType routed = routeRequest(idx, sub);
-    if (routed != CAN::Ok)
-        return routed;
+    const CAN::RetType begun = beginRequest(idx, sub);
+    if (begun != CAN::Ok)
+        return begun;
 
     const bool sized = type == CAN::VISIBLE_STRING || type == CAN::OCTET_STRING || type == CAN::DOMAIN;
     const quint32 size = sized ? quint32(value.toByteArray().size()) : 0;

@@ -101,6 +101,9 @@ private:
     CAN::RetType routeRequest(quint16 index, quint8 sub);
     void mysleep(quint16 ms, bool* flag);
     CAN::RetType failedStart(quint16 index, quint8 sub, CAN::RetType code);
+    // The common start of read and write: the busy lock, the entry, the
+    // routing indication; 0 to go on, else the code to return.
+    CAN::RetType beginRequest(quint16 index, quint8 sub);
     // Hand a request to the engine of a transfer kind; started stays false without one.
     CAN::RetType startEngineRead(quint32 kind, quint16 index, quint8 sub, CAN::CANopenDataType type, bool& started);
     CAN::RetType startEngineWrite(quint32 kind, quint16 index, quint8 sub, CAN::CANopenDataType type,
